@@ -1,0 +1,118 @@
+#include "common/error.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <libgen.h>
+
+const char *program_name = nullptr;
+
+static void print_line(FILE *stream, const char *text)
+{
+    if (program_name) {
+        char name[text_size];
+        format_text(name, "%s", program_name); // basename() may write into what it is given
+        fprintf(stream, "%s: ", basename(name));
+    }
+    fputs(text, stream);
+    const std::size_t length = strlen(text);
+    if (length == 0 || text[length - 1] != '\n')
+        fputc('\n', stream);
+    fflush(stream);
+}
+
+static void print_message(const char *text, int exit_status)
+{
+    print_line(stderr, text);
+    print_line(stdout, text);
+    if (exit_status != 0)
+        end_process(exit_status);
+}
+
+// Makes room for at least `needed` bytes; without memory the buffer stays as it is, and what comes next is cut to it.
+static void grow(char *&buffer, std::size_t &capacity, std::size_t needed)
+{
+    if (needed <= capacity)
+        return;
+    if (char *grown = static_cast<char *>(realloc(buffer, needed))) {
+        buffer = grown;
+        capacity = needed;
+    }
+}
+
+__attribute__((format(printf, 2, 0))) static void vreport(int exit_status, const char *format, va_list arguments)
+{
+    const int saved_errno = errno;
+    std::size_t capacity = text_size;
+    char *buffer = static_cast<char *>(malloc(capacity));
+    if (!buffer) {
+        print_message("Can't allocate memory for error message", exit_status);
+        errno = saved_errno;
+        return;
+    }
+
+    va_list again;
+    va_copy(again, arguments);
+    const int needed = vsnprintf(buffer, capacity, format, arguments);
+    if (needed >= 0 && static_cast<std::size_t>(needed) >= capacity) {
+        grow(buffer, capacity, static_cast<std::size_t>(needed) + 1);
+        vsnprintf(buffer, capacity, format, again);
+    }
+    va_end(again);
+
+    errno = saved_errno;
+    if (saved_errno != 0) {
+        char suffix[text_size];
+        format_text(suffix, "\nSystem error %d: %s", saved_errno, strerror(saved_errno));
+        const std::size_t length = strlen(buffer);
+        grow(buffer, capacity, length + strlen(suffix) + 1);
+        format_text({buffer + length, capacity - length}, "%s", suffix);
+    }
+    print_message(buffer, exit_status);
+    free(buffer);
+    errno = saved_errno; // a first write to a stream may have asked whether it is a terminal
+}
+
+void report_error(int exit_status, int, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vreport(exit_status, format, arguments);
+    va_end(arguments);
+}
+
+void report_fatal(int, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vreport(1, format, arguments);
+    va_end(arguments);
+    abort(); // never reached: the message printer has ended the process
+}
+
+char *alloc_printf(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    char *text = nullptr;
+    const int length = vasprintf(&text, format, arguments);
+    va_end(arguments);
+    if (length < 0)
+        report_fatal(1, "Cannot allocate memory: %s", strerror(errno));
+    return text;
+}
+
+void end_process(int exit_status)
+{
+    exit(exit_status);
+}
+
+void format_text(std::span<char> out, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(out.data(), out.size(), format, arguments);
+    va_end(arguments);
+}
