@@ -1,0 +1,110 @@
+#include "common/panel_db.h"
+
+#include "common/error.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr const char *password_path = "/etc/vlq/.vlq.shadow";
+
+// Closes the connection of a failed preparation, keeping the reason. Returns none for its caller.
+MYSQL *give_up(MYSQL *db, const char *label, std::span<char> message)
+{
+    if (mysql_errno(db) != 0)
+        format_text(message, "DB error (%s) %u: %s", label, mysql_errno(db), mysql_error(db));
+    else
+        format_text(message, "DB error (%s): unknown error", label);
+    mysql_close(db);
+    return nullptr;
+}
+
+// True when the panel says that it speaks the character sets of the servers since 4.1. A setting that cannot be read
+// counts as no.
+bool is_mysql41_compatible(MYSQL *db)
+{
+    MYSQL_RES *result = mysql_store_result(db);
+    const MYSQL_ROW row = result ? mysql_fetch_row(result) : nullptr;
+    const bool compatible = row && row[0] && row[0][0] != '\0' && strcmp(row[0], "false") != 0;
+    mysql_free_result(result);
+    return compatible;
+}
+
+MYSQL *choose_names(MYSQL *db, std::span<char> message)
+{
+    if (mysql_query(db, "SELECT val FROM misc WHERE param='mysql41_compatible'") != 0)
+        return give_up(db, "mysql41 compatible query", message);
+    const char *names = is_mysql41_compatible(db) ? "SET NAMES utf8" : "SET NAMES binary";
+    if (mysql_query(db, names) != 0)
+        return give_up(db, "set names query", message);
+    return db;
+}
+
+MYSQL *prepare(MYSQL *db, std::span<char> message)
+{
+    mysql_query(db, "set foreign_key_checks=0");
+    if (mysql_query(db, "SHOW VARIABLES LIKE 'version'") != 0)
+        return give_up(db, "query version", message);
+    MYSQL_RES *result = mysql_store_result(db);
+    if (!result)
+        return give_up(db, "store query result", message);
+    const MYSQL_ROW row = mysql_fetch_row(result);
+    if (!row || !row[1]) {
+        mysql_free_result(result);
+        return give_up(db, row ? "empty version result" : "fetch version row", message);
+    }
+    const bool knows_names = strncmp(row[1], "3.", 2) != 0 && strncmp(row[1], "4.0.", 4) != 0;
+    mysql_free_result(result);
+    return knows_names ? choose_names(db, message) : db;
+}
+
+} // namespace
+
+int read_admin_password(std::span<char> password, std::span<char> message)
+{
+    FILE *file = fopen(password_path, "rte");
+    if (!file) {
+        format_text(message, "Unable to open admin password file: %s", strerror(errno));
+        return -1;
+    }
+    if (!fgets(password.data(), static_cast<int>(password.size()), file)) {
+        format_text(message, "Unable to read admin password file: %s", strerror(errno));
+        fclose(file);
+        return -1;
+    }
+    fclose(file);
+    const std::size_t length = strlen(password.data());
+    if (length > 0 && password[length - 1] == '\n')
+        password[length - 1] = '\0';
+    return 0;
+}
+
+MYSQL *panel_db_connect(std::span<char> message)
+{
+    char password[100];
+    if (read_admin_password(password, message) != 0)
+        return nullptr;
+    MYSQL *db = mysql_init(nullptr);
+    if (!db) {
+        format_text(message, "Unable to initialize MySQL connection structure: %s", strerror(ENOMEM));
+        errno = ENOMEM;
+        return nullptr;
+    }
+    if (!mysql_real_connect(db, nullptr, "admin", password, "vlq", 0, nullptr, 0)) {
+        format_text(message, "Unable to connect to Velqa Database: %s", mysql_error(db));
+        mysql_close(db);
+        return nullptr;
+    }
+    return prepare(db, message);
+}
+
+MYSQL *panel_db_open()
+{
+    char message[text_size + 1];
+    MYSQL *db = panel_db_connect(message);
+    if (!db)
+        report_error(0, 0, "%s", message);
+    return db;
+}
