@@ -1,0 +1,376 @@
+#include "common/file_str.h"
+
+#include "common/error.h"
+#include "common/file_lock.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// What a removal takes for one line at most; every editor that shares these files cuts longer lines at this length.
+constexpr std::size_t piece_size = 4094;
+
+struct target {
+    const char *path;
+    bool existed;
+    struct stat status; // of the file before the edit, when it existed
+};
+
+// The new content on its way: PATH.tmp, open for writing.
+struct copy {
+    char path[text_size];
+    int fd;
+};
+
+int report_open(const char *path)
+{
+    report_error(0, 0, "Unable to open file %s: %s\n", path, strerror(errno));
+    return 1;
+}
+
+int report_read(const char *path)
+{
+    report_error(0, 0, "Unable to read file %s: %s\n", path, strerror(errno));
+    return 1;
+}
+
+int report_close(const char *path, int cause)
+{
+    report_error(0, 0, "Unable to close file %s: %s\n", path, strerror(cause));
+    return 1;
+}
+
+bool read_all(int fd, std::string &text)
+{
+    struct stat status;
+    const auto expected = fstat(fd, &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
+    std::size_t length = 0;
+    text.resize(expected + 1); // the one byte more sees the end in the same call that reads the content
+    for (;;) {
+        const ssize_t got = read(fd, text.data() + length, text.size() - length);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return false;
+        length += static_cast<std::size_t>(got);
+        if (got == 0)
+            break;
+        if (length == text.size())
+            text.resize(2 * length);
+    }
+    text.resize(length);
+    return true;
+}
+
+bool write_all(int fd, std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t put = write(fd, text.data(), text.size());
+        if (put < 0 && errno != EINTR)
+            return false;
+        if (put > 0)
+            text.remove_prefix(static_cast<std::size_t>(put));
+    }
+    return true;
+}
+
+// The messages about the copy go straight to standard error, without the program's name.
+int tell(const char *what, const copy &made)
+{
+    fprintf(stderr, "%s %s: %s\n", what, made.path, strerror(errno));
+    fflush(stderr);
+    return 1;
+}
+
+// A link or a file that somebody left under the copy's name must not receive the lines, which may hold password
+// hashes: the copy is always a new file of ours.
+int begin_copy(const target &file, copy &made)
+{
+    format_text(made.path, "%s.tmp", file.path);
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    made.fd = open(made.path, flags, 0600);
+    if (made.fd < 0 && errno == EEXIST && unlink(made.path) == 0)
+        made.fd = open(made.path, flags, 0600);
+    return made.fd >= 0 ? 0 : tell("Unable to open file", made);
+}
+
+void drop_copy(const copy &made)
+{
+    close(made.fd);
+    unlink(made.path);
+}
+
+// Before the rename, so that no reader finds the lines under looser bits than the file's own. A failure is said after
+// the rename, where the path is given the same once more.
+void dress_copy(const target &file, const copy &made)
+{
+    [[maybe_unused]] int unsaid = fchown(made.fd, file.status.st_uid, file.status.st_gid);
+    unsaid = fchmod(made.fd, file.status.st_mode & 07777);
+}
+
+// Closes the file that was read and then the copy; `failed` is the error of an earlier write that has no message of
+// its own, or 0.
+int close_both(const target &file, int input, const copy &made, int failed)
+{
+    if (close(input) != 0) {
+        const int cause = errno;
+        drop_copy(made);
+        return report_close(file.path, cause);
+    }
+    if (failed == 0 && file.existed)
+        dress_copy(file, made);
+    if (close(made.fd) != 0 && failed == 0)
+        failed = errno;
+    if (failed == 0)
+        return 0;
+    unlink(made.path);
+    return report_close(file.path, failed);
+}
+
+std::string_view text_of(std::string_view piece)
+{
+    if (piece.ends_with('\n'))
+        piece.remove_suffix(1);
+    return piece;
+}
+
+bool equals_line(std::string_view piece, std::string_view string)
+{
+    return text_of(piece) == string.substr(0, string.find('\n'));
+}
+
+bool matches_line(std::string_view piece, std::string_view pattern, int mode)
+{
+    switch (mode) {
+    case prefix:
+        return text_of(piece).starts_with(text_of(pattern));
+    case suffix:
+        return text_of(piece).ends_with(text_of(pattern));
+    case substring:
+        return piece.find(pattern) != piece.npos;
+    default:
+        return false;
+    }
+}
+
+bool is_dropped(std::string_view piece, const char *const *lines, edit action, int mode)
+{
+    for (; *lines; ++lines)
+        if (action == edit::remove ? equals_line(piece, *lines) : matches_line(piece, *lines, mode))
+            return true;
+    return false;
+}
+
+// Takes the dropped lines out of the text; false when there was none.
+bool drop_lines(std::string &text, const char *const *lines, edit action, int mode)
+{
+    std::size_t kept = 0;
+    for (std::size_t at = 0, size; at < text.size(); at += size) {
+        const std::string_view window = std::string_view(text).substr(at, piece_size);
+        size = std::min(window.find('\n'), window.size() - 1) + 1;
+        if (is_dropped(window.substr(0, size), lines, action, mode))
+            continue;
+        if (kept != at)
+            memmove(text.data() + kept, text.data() + at, size);
+        kept += size;
+    }
+    const bool dropped = kept != text.size();
+    text.resize(kept);
+    return dropped;
+}
+
+int remove_lines(const target &file, const char *const *lines, edit action, int mode)
+{
+    if (action == edit::remove && !file.existed)
+        return 1;
+    const int input = open(file.path, O_RDONLY | O_CLOEXEC);
+    if (input < 0)
+        return report_open(file.path);
+    copy made;
+    if (begin_copy(file, made) != 0) {
+        close(input);
+        return 1;
+    }
+    std::string text;
+    if (!read_all(input, text)) {
+        report_read(file.path);
+        close(input);
+        drop_copy(made);
+        return 1;
+    }
+    if (!drop_lines(text, lines, action, mode)) {
+        close(input);
+        drop_copy(made);
+        return 0;
+    }
+    int failed = 0;
+    if (!write_all(made.fd, text)) {
+        failed = errno;
+        if (action == edit::remove) {
+            unlink(made.path);
+            report_fatal(1, "cannot write a line to %s.tmp", file.path);
+        }
+    }
+    if (close_both(file, input, made, failed) != 0)
+        return 1;
+    if (rename(made.path, file.path) == 0)
+        return 0;
+    if (action == edit::remove)
+        report_error(0, 0, "Error while rename file %s: %s\n", file.path, strerror(errno));
+    else
+        tell("Error while rename file", made);
+    unlink(made.path);
+    return 1;
+}
+
+std::string joined(const char *const *lines)
+{
+    std::string text;
+    for (; *lines; ++lines) {
+        const std::string_view line = *lines;
+        text += line;
+        if (!line.ends_with('\n'))
+            text += '\n';
+    }
+    return text;
+}
+
+int add_at_start(const target &file, const char *const *lines)
+{
+    copy made;
+    if (begin_copy(file, made) != 0)
+        return 1;
+    const int failed = write_all(made.fd, joined(lines)) ? 0 : errno;
+    const int input = open(file.path, O_RDONLY | O_CLOEXEC);
+    if (input < 0) {
+        report_open(file.path);
+        close(made.fd);
+        return 1;
+    }
+    std::string text;
+    if (!read_all(input, text)) {
+        report_read(file.path);
+        close(input);
+        drop_copy(made);
+        return 1;
+    }
+    if (failed == 0 && !write_all(made.fd, text)) {
+        report_error(0, 0, "Unable to fputs to file %s: %s\n", file.path, strerror(errno));
+        close(input);
+        drop_copy(made);
+        return 1;
+    }
+    if (close_both(file, input, made, failed) != 0)
+        return 1;
+    if (rename(made.path, file.path) == 0)
+        return 0;
+    tell("Unable to rename file", made);
+    unlink(made.path);
+    return 1;
+}
+
+int add_at_end(const target &file, const char *const *lines)
+{
+    const int fd = open(file.path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    if (fd < 0)
+        return report_open(file.path);
+    const off_t former = lseek(fd, 0, SEEK_END);
+    int failed = 0;
+    if (!write_all(fd, joined(lines))) {
+        failed = errno;
+        [[maybe_unused]] const int unsaid = former < 0 ? -1 : ftruncate(fd, former);
+    }
+    if (close(fd) != 0 && failed == 0)
+        failed = errno;
+    return failed == 0 ? 0 : report_close(file.path, failed);
+}
+
+int perform(const target &file, const char *const *lines, edit action, int mode)
+{
+    switch (action) {
+    case edit::add:
+        return mode == at_start ? add_at_start(file, lines) : mode == at_end ? add_at_end(file, lines) : 0;
+    case edit::remove:
+    case edit::remove_matching:
+        return remove_lines(file, lines, action, mode);
+    }
+    return 0;
+}
+
+int edit_locked(const char *path, const char *const *lines, edit action, int mode)
+{
+    target file{path, true, {}};
+    if (stat(path, &file.status) != 0) {
+        if (errno != ENOENT) {
+            report_error(0, 0, "file_str: Unable to stat file %s: %s\n", path, strerror(errno));
+            return 1;
+        }
+        file.existed = false;
+    }
+    if (perform(file, lines, action, mode) != 0)
+        return 1;
+    if (!file.existed)
+        return 0;
+    if (chown(path, file.status.st_uid, file.status.st_gid) != 0) {
+        report_error(0, 0, "file_str: ERROR: Unable to chown file %s: %s", path, strerror(errno));
+        return 1;
+    }
+    if (chmod(path, file.status.st_mode & 07777) != 0) {
+        report_error(0, 0, "file_str: ERROR: Unable to chmod file %s: %s", path, strerror(errno));
+        return 1;
+    }
+    return 0;
+}
+
+int make_file(const char *path, int flags, const char *verb)
+{
+    const int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0644);
+    if (fd < 0) {
+        report_error(0, 0, "Unable to %s file %s: %s", verb, path, strerror(errno));
+        return -1;
+    }
+    close(fd);
+    return 0;
+}
+
+} // namespace
+
+int file_str(const char *path, const char *const *lines, edit action, int mode)
+{
+    file_lock *lock = lock_file_exclusive(path, 1);
+    if (!lock_file_is_held(lock)) {
+        report_error(0, 0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
+        lock_file_release(lock);
+        return 1;
+    }
+    const int result = edit_locked(path, lines, action, mode);
+    if (lock_file_release(lock) != 0 && result == 0) {
+        report_error(0, 0, "Error occurred while unlocking the file %s: %s\n", path, strerror(errno));
+        return 1;
+    }
+    return result;
+}
+
+int file_str_line(const char *path, const char *line, edit action, int mode)
+{
+    const char *const lines[] = {line, nullptr};
+    return file_str(path, lines, action, mode);
+}
+
+int create_file(const char *path)
+{
+    return make_file(path, 0, "create");
+}
+
+int truncate_or_create_file(const char *path)
+{
+    return make_file(path, O_TRUNC, "truncate or create");
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+// The one editor of line files. An edit holds the named lock of the file's path text from before it looks at the file
+// until the file has its owner and bits again; a changed file is a new copy, PATH.tmp, renamed over the old one, so a
+// reader sees the old lines or the new ones. Only at_end appends in place.
+
+enum class edit {
+    add = 0,             // mode: a placement
+    remove = 1,          // mode ignored: drops every line whose text equals one of the strings
+    remove_matching = 2, // mode: a match; drops every line that matches one of the strings
+};
+
+enum placement { at_start = 0, at_end = 1 };
+enum match { prefix = 0, suffix = 1, substring = 2 };
+
+// Performs one edit with the strings of a list that ends in a null entry. Returns 0, or 1 after a report (`remove` on a
+// missing file: without one). Unknown actions and placements change nothing.
+// - A string's trailing newline counts for nothing, except in a substring, where it must be found too; `remove` looks
+//   only at what stands before a string's first newline; an empty pattern matches every line.
+// - A removal takes a line of more than 4094 bytes, newline included, for several lines of at most 4094 bytes each.
+// - `add` does not look for equal lines; at_start needs an existing file (without one PATH.tmp stays, holding the new
+//   lines), at_end makes it (0666 less the umask) and glues its first line to a last line that has no newline.
+// - A removal that drops nothing leaves the file as it is. A link is followed, but a rewrite replaces it by a file.
+// - A write that fails during `remove` ends the process: "cannot write a line to %s.tmp". An append that fails is cut
+//   back. A failing PATH.tmp, or its rename after at_start or remove_matching, is told on standard error alone.
+int file_str(const char *path, const char *const *lines, edit action, int mode);
+
+// file_str with the one string `line`.
+int file_str_line(const char *path, const char *line, edit action, int mode);
+
+// Makes sure that the file exists, keeping what it holds. A new file gets 0644 less the umask. Returns 0, or -1 after
+// "Unable to create file %s: %s".
+int create_file(const char *path);
+
+// Empties the file, or makes it like create_file. Returns 0, or -1 after "Unable to truncate or create file %s: %s".
+int truncate_or_create_file(const char *path);
