@@ -1,0 +1,99 @@
+#include "common/accounts.h"
+
+#include "common/error.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+uid_t get_user_id(const char *name, int which)
+{
+    const struct passwd *user = getpwnam(name);
+    if (!user) {
+        report_error(0, 0, "Unable to getpwnam for user %s", name);
+        return 0;
+    }
+    return which == 0 ? user->pw_uid : user->pw_gid;
+}
+
+int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t bits)
+{
+    errno = 0;
+    struct stat status;
+    if (stat(path, &status) != 0)
+        return 0;
+    if (chown(path, uid, gid) != 0) {
+        report_error(0, 0, "ERROR: unable to chown %s: %s\n", path, strerror(errno));
+        return -1;
+    }
+    if (chmod(path, bits) != 0) {
+        report_error(0, 0, "ERROR: unable to chmod %s: %s\n", path, strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int make_dir(const char *path, uid_t uid, gid_t gid, mode_t bits)
+{
+    errno = 0;
+    if (mkdir(path, bits) != 0 && errno != EEXIST) {
+        report_error(0, 0, "ERROR: Unable to mkdir %s: %s\n", path, strerror(errno));
+        return -1;
+    }
+    if (chown(path, uid, gid) != 0 && errno != ENOENT) {
+        report_error(0, 0, "ERROR: Unable to chown %s: %s\n", path, strerror(errno));
+        return -1;
+    }
+    if (chmod(path, bits) != 0 && errno != ENOENT) { // mkdir's bits were less the umask
+        report_error(0, 0, "ERROR: Unable to chmod %s: %s\n", path, strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int rename_dir(const char *old_path, const char *new_path)
+{
+    struct stat status;
+    if (stat(old_path, &status) != 0)
+        return 0;
+    if (stat(new_path, &status) == 0) {
+        report_error(0, 0, "Directory rename error: target directory %s already exists.\n", new_path);
+        return -1;
+    }
+    if (rename(old_path, new_path) != 0) {
+        report_error(0, 0, "Remaming %s to %s failed: %s\n", old_path, new_path, strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+static bool resolve_dir(const char *path, char *resolved)
+{
+    struct stat status;
+    return lstat(path, &status) == 0 && S_ISDIR(status.st_mode) && realpath(path, resolved);
+}
+
+int is_inside_dir(const char *path, const char *dir)
+{
+    static_assert(text_size >= PATH_MAX, "realpath() needs this much");
+    char inner[text_size];
+    char outer[text_size];
+    if (!resolve_dir(path, inner) || !resolve_dir(dir, outer))
+        return 0;
+    const std::size_t length = strlen(outer);
+    return strncmp(inner, outer, length) == 0 && inner[length] == '/';
+}
+
+void random_salt(char *buffer, int count)
+{
+    constexpr char alphabet[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+    for (int at = 0; at < count; ++at) {
+        const auto drawn = static_cast<int>(rand() * 64.0 / 2147483648.0);
+        buffer[at] = alphabet[(drawn + 1) % 64];
+    }
+}
