@@ -1,0 +1,293 @@
+#include "process/exec.h"
+
+#include "common/conf.h"
+#include "common/error.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int read_step = 4096;
+constexpr int poll_interval_ms = 1000;
+constexpr int max_arguments = 99; // behind argv[0]
+
+using argument_slots = const char *[max_arguments + 2];
+
+// What is read from one stream of a child. fd is -1 once the stream has ended, or when there is none.
+struct capture {
+    int fd;
+    char *text;
+    int capacity;
+    int length;
+};
+
+void redirect(int fd, int standard_fd)
+{
+    if (fd == standard_fd)
+        return;
+    const int source = fd == -1 ? open("/dev/null", O_RDWR) : fd;
+    if (source == standard_fd)
+        return;
+    if (source < 0 || dup2(source, standard_fd) < 0) {
+        dprintf(STDERR_FILENO, "fork_execv: dup() failed: %s\n", strerror(errno));
+        _exit(255);
+    }
+    close(source);
+}
+
+void read_pipe_chunk(capture &stream)
+{
+    if (stream.length >= stream.capacity - 1) {
+        const auto capacity = static_cast<std::size_t>(stream.capacity) + read_step;
+        char *grown = capacity > INT_MAX ? nullptr : static_cast<char *>(realloc(stream.text, capacity));
+        if (!grown)
+            report_fatal(1, "Cannot allocate memory");
+        stream.text = grown;
+        stream.capacity = static_cast<int>(capacity);
+    }
+    const auto room = static_cast<std::size_t>(stream.capacity - stream.length - 1);
+    const ssize_t got = read(stream.fd, stream.text + stream.length, room);
+    if (got > 0) {
+        stream.length += static_cast<int>(got);
+        return;
+    }
+    if (got < 0 && errno == EAGAIN)
+        return;
+    const int cause = errno;
+    close(stream.fd);
+    stream.fd = -1;
+    if (got < 0) {
+        fprintf(stderr, "fork_exec*: read(pipe) failed: %s\n", strerror(cause));
+        errno = 0;
+    }
+}
+
+// Opens the pipe of one stream for reading without waiting. Returns its write end.
+int open_capture(capture &stream)
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        report_fatal(1, "fork_execv_getouterr: pipe() failed");
+    stream = {ends[0], nullptr, 0, 0};
+    return ends[1];
+}
+
+void set_nonblocking(const capture &stream)
+{
+    if (fcntl(stream.fd, F_SETFL, O_NONBLOCK) != 0)
+        report_fatal(1, "fork_execv_getouterr: fcntl(O_NONBLOCK) failed");
+}
+
+void end_capture(capture &stream)
+{
+    if (stream.fd >= 0)
+        close(stream.fd);
+    stream.fd = -1;
+}
+
+int exit_code(int status)
+{
+    return errno == 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Reads both streams (one may be absent) until they end, or until the child has ended and nothing more comes: a daemon
+// that it left behind may hold the pipes open for ever. poll() stands for select() so that a descriptor beyond
+// select's sets does no harm. Returns the exit code or -1.
+int read_until_end(capture &out, capture &err, pid_t child)
+{
+    int status = 0;
+    while (out.fd >= 0 || err.fd >= 0) {
+        pollfd ends[] = {{out.fd, POLLIN, 0}, {err.fd, POLLIN, 0}};
+        if (poll(ends, 2, poll_interval_ms) > 0) {
+            if (ends[0].revents != 0)
+                read_pipe_chunk(out);
+            if (ends[1].revents != 0)
+                read_pipe_chunk(err);
+            continue;
+        }
+        errno = 0;
+        if (waitpid(child, &status, WNOHANG) == 0)
+            continue;
+        const int result = exit_code(status);
+        end_capture(out);
+        end_capture(err);
+        return result;
+    }
+    errno = 0;
+    return waitpid(child, &status, WUNTRACED) > 0 ? exit_code(status) : -1;
+}
+
+char *captured_text(const capture &stream)
+{
+    if (stream.text)
+        stream.text[stream.length] = '\0';
+    return stream.text;
+}
+
+// argv[0] and what follows in the list, cut to the slots and ended by a null pointer.
+void list_arguments(argument_slots &argv, const char *first, va_list list)
+{
+    int count = 0;
+    argv[count++] = first;
+    while (count <= max_arguments && (argv[count] = va_arg(list, const char *)))
+        ++count;
+    argv[count] = nullptr;
+}
+
+bool is_utility_name(const char *name)
+{
+    if (!strchr(name, '/'))
+        return true;
+    report_error(0, 0, "Utility name '%s' is invalid. Use only utility name without path.", name);
+    return false;
+}
+
+int run_utility(const char *path, const char *const *argv)
+{
+    char *out = nullptr;
+    char *err = nullptr;
+    const int result = fork_execv_getouterr(&out, &err, path, argv);
+    if (result != 0) {
+        if (out)
+            fputs(out, stderr);
+        if (err)
+            report_error(0, 1, "%s execution failed:\n%s", path, err);
+        else
+            report_error(0, 1, "%s execution failed (no output)", path);
+    }
+    free(out);
+    free(err);
+    return result;
+}
+
+} // namespace
+
+void close_descriptors()
+{
+    if (close_range(3, ~0U, 0) == 0)
+        return;
+    for (int fd = 3; fd < getdtablesize(); ++fd)
+        close(fd);
+}
+
+pid_t fork_execv(int in_fd, int out_fd, int err_fd, const char *path, const char *const *argv)
+{
+    const pid_t child = fork();
+    if (child < 0)
+        report_fatal(1, "fork_execv_pipes: fork() failed");
+    if (child > 0)
+        return child;
+    redirect(in_fd, STDIN_FILENO);
+    redirect(out_fd, STDOUT_FILENO);
+    redirect(err_fd, STDERR_FILENO);
+    close_descriptors();
+    errno = 0;
+    execv(path, const_cast<char *const *>(argv));
+    dprintf(STDERR_FILENO, "fork_execv: execv(\"%s\") failed: %s\n", path, strerror(errno));
+    _exit(255);
+}
+
+int fork_execv_getouterr(char **out, char **err, const char *path, const char *const *argv)
+{
+    capture out_stream;
+    capture err_stream;
+    const int out_end = open_capture(out_stream);
+    const int err_end = open_capture(err_stream);
+    set_nonblocking(out_stream);
+    set_nonblocking(err_stream);
+    const pid_t child = fork_execv(STDIN_FILENO, out_end, err_end, path, argv);
+    close(out_end);
+    close(err_end);
+    const int result = read_until_end(out_stream, err_stream, child);
+    *out = captured_text(out_stream);
+    *err = captured_text(err_stream);
+    return result;
+}
+
+int fork_execv_getout(char **out, const char *path, const char *const *argv)
+{
+    capture stream;
+    capture absent = {-1, nullptr, 0, 0};
+    const int end = open_capture(stream);
+    set_nonblocking(stream);
+    const pid_t child = fork_execv(STDIN_FILENO, end, STDERR_FILENO, path, argv);
+    close(end);
+    const int result = read_until_end(stream, absent, child);
+    *out = captured_text(stream);
+    return result;
+}
+
+int fork_execl_getout(char **out, const char *path, const char *arg0, ...)
+{
+    std::size_t count = 1;
+    va_list list;
+    va_start(list, arg0);
+    while (va_arg(list, const char *))
+        ++count;
+    va_end(list);
+    auto *argv = static_cast<const char **>(malloc((count + 1) * sizeof(char *)));
+    if (!argv)
+        report_fatal(1, "malloc() failed: %s", strerror(errno));
+
+    va_start(list, arg0);
+    argv[0] = arg0;
+    for (std::size_t at = 1; at <= count; ++at)
+        argv[at] = va_arg(list, const char *);
+    va_end(list);
+    const int result = fork_execv_getout(out, path, argv);
+    free(argv);
+    return result;
+}
+
+int util_execv(const char *name, const char *const *argv)
+{
+    if (!is_utility_name(name))
+        return -1;
+    char path[text_size];
+    format_text(path, "%s/admin/bin/%s", PRODUCT_ROOT_D, name);
+    return run_utility(path, argv);
+}
+
+int util_exec(const char *name, ...)
+{
+    if (!is_utility_name(name))
+        return -1;
+    char path[text_size];
+    format_text(path, "%s/admin/bin/%s", PRODUCT_ROOT_D, name);
+    argument_slots argv;
+    va_list list;
+    va_start(list, name);
+    list_arguments(argv, path, list);
+    va_end(list);
+    return run_utility(path, argv);
+}
+
+int run_quiet_wait(const char *path, ...)
+{
+    argument_slots argv;
+    va_list list;
+    va_start(list, path);
+    list_arguments(argv, path, list);
+    va_end(list);
+    const pid_t child = fork();
+    if (child < 0)
+        return 1;
+    if (child == 0) {
+        redirect(-1, STDIN_FILENO);
+        redirect(-1, STDOUT_FILENO);
+        redirect(-1, STDERR_FILENO);
+        _exit(execv(path, const_cast<char *const *>(argv)));
+    }
+    int status = 0;
+    wait(&status);
+    return (status & 0x7f) != 0 ? 1 : 0;
+}

@@ -1,0 +1,225 @@
+#include "process/send_sig.h"
+
+#include "common/accounts.h"
+#include "common/conf.h"
+#include "common/error.h"
+#include "process/exec.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *ps_path = "/bin/ps";
+constexpr const char *grep_path = "/bin/grep";
+constexpr const char *awk_path = "/usr/bin/awk";
+constexpr const char *kill_path = "/bin/kill";
+constexpr const char *rm_path = "/bin/rm";
+
+constexpr const char *deferred_prefix = "__deleted";
+constexpr const char *const *deferred_dirs[] = {&HTTPD_VHOSTS_D, &QMAIL_MAILNAMES_D};
+
+void signal_line(const char *line, const char *line_end, int signal, int &count)
+{
+    int pid = 0;
+    if (sscanf(line, " %d ", &pid) != 1 || pid <= 0) { // 0 and less would mean whole groups
+        report_error(0, 0, "send_signal_field(): malformed ps output: %.*s", static_cast<int>(line_end - line), line);
+        return;
+    }
+    ++count;
+    if (kill(pid, signal) != 0)
+        report_error(0, 0, "send_signal_field(): failed to kill %d: %s", pid, strerror(errno));
+}
+
+int signal_matches(const char *output, const char *text, int signal)
+{
+    int count = 0;
+    const char *at = output;
+    while ((at = strstr(at, text))) {
+        const auto *line = static_cast<const char *>(memrchr(output, '\n', static_cast<std::size_t>(at - output)));
+        const char *line_end = strchrnul(at, '\n');
+        if (line) // the first line is ps's heading
+            signal_line(line, line_end, signal, count);
+        if (*line_end == '\0')
+            break;
+        at = line_end + 1;
+    }
+    return count;
+}
+
+// Fills the X's at the end of a path so that nothing lies there yet, as mktemp() would, which the linker advises
+// against: the race it fears ends here in rename_dir's refusal. False when no such name was found.
+bool fill_unused_name(char *path)
+{
+    constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    unsigned char drawn[6];
+    char *tail = path + strlen(path) - sizeof drawn;
+    for (int tries = 0; tries < 100; ++tries) {
+        if (getentropy(drawn, sizeof drawn) != 0)
+            return false;
+        for (std::size_t at = 0; at < sizeof drawn; ++at)
+            tail[at] = alphabet[drawn[at] % (sizeof alphabet - 1)];
+        struct stat status;
+        if (lstat(path, &status) != 0)
+            return errno == ENOENT;
+    }
+    return false;
+}
+
+void purge_entry(const char *name)
+{
+    struct stat status;
+    if (stat(name, &status) != 0) {
+        report_error(0, 1, "Unable to stat file %s, skipped\n", name);
+        return;
+    }
+    if (!S_ISDIR(status.st_mode) || strncmp(name, deferred_prefix, strlen(deferred_prefix)) != 0)
+        return;
+    if (run_quiet_wait(rm_path, "-rf", name, static_cast<char *>(nullptr)) != 0)
+        report_error(0, 1, "Can't remove directory %s (will try in next time)\n", name);
+}
+
+// Removes every entry of the directory that is the working directory.
+void remove_entries(DIR *stream)
+{
+    while (const struct dirent *entry = readdir(stream)) {
+        const char *name = entry->d_name;
+        struct stat status;
+        if (lstat(name, &status) != 0) {
+            if (errno == ENOENT)
+                continue;
+            report_fatal(1, "Unable to check directory entry %s: %s\n", name, strerror(errno));
+        }
+        if (S_ISDIR(status.st_mode)) {
+            if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0)
+                remove_tree(name, 1);
+        } else if (unlink(name) != 0 && errno != ENOENT) {
+            report_fatal(1, "Unable to unlink directory entry %s: %s\n", name, strerror(errno));
+        }
+    }
+}
+
+void remove_dir(const char *path, int remove_self)
+{
+    const int saved_dir = open(".", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (saved_dir < 0)
+        report_fatal(1, "Unable to get file descriptor of current dir: %s\n", strerror(errno));
+    DIR *stream = opendir(path);
+    if (!stream)
+        report_fatal(1, "Unable to open dir %s: %s\n", path, strerror(errno));
+    if (chdir(path) != 0)
+        report_fatal(1, "Unable to change dir %s: %s\n", path, strerror(errno));
+    remove_entries(stream);
+    if (fchdir(saved_dir) != 0 || close(saved_dir) != 0)
+        report_fatal(1, "Unable to restore & close current dir: %s\n", strerror(errno));
+    if (closedir(stream) != 0)
+        report_fatal(1, "Unable to close dir %s: %s\n", path, strerror(errno));
+    if (remove_self && rmdir(path) != 0 && errno != ENOENT)
+        report_fatal(1, "Unable to remove dir %s: %s\n", path, strerror(errno));
+}
+
+} // namespace
+
+int is_process_running(const char *name)
+{
+    char command[text_size];
+    format_text(command, "%s axww | %s -v grep | %s '{ print $5 }' | %s -E '((^|/)%s$)|([[(<]%s([)>]|])$)' >/dev/null",
+                ps_path, grep_path, awk_path, grep_path, name, name);
+    return system(command);
+}
+
+int kill_by_name(const char *name, int signal)
+{
+    char command[text_size];
+    format_text(command, "for pid in `%s axc -opid,command|%s -E \"[0-9] %s$\"|%s '{print $1}' -` ; do %s -%d $pid ; done",
+                ps_path, grep_path, name, awk_path, kill_path, signal);
+    return system(command);
+}
+
+int kill_by_field(const char *field, const char *text, int signal)
+{
+    char *format = alloc_printf("pid,%s", field);
+    char *output = nullptr;
+    int count = -1;
+    if (fork_execl_getout(&output, ps_path, ps_path, "-Aww", "-o", format, static_cast<char *>(nullptr)) != 0) {
+        fprintf(stderr, "%s\n", output ? output : "");
+        report_error(0, 0, "send_signal_field(): %s failed", ps_path);
+    } else {
+        count = output ? signal_matches(output, text, signal) : 0;
+    }
+    free(output);
+    free(format);
+    return count;
+}
+
+int is_virtual_environment()
+{
+    static int kept_answer = -1;
+    if (kept_answer < 0) {
+        struct stat status;
+        kept_answer = stat("/dev/hdv1", &status) == 0 && S_ISREG(status.st_mode) && status.st_size == 0;
+    }
+    return kept_answer;
+}
+
+void deferred_remove(const char *dir)
+{
+    const char *base = nullptr;
+    for (const char *const *candidate : deferred_dirs)
+        if (!base && is_inside_dir(dir, *candidate))
+            base = *candidate;
+    if (!base)
+        report_fatal(1, "deferred_remove(): not supported directory for deferred remove: %s\n", dir);
+    struct stat status;
+    if (stat(dir, &status) != 0)
+        report_fatal(1, "deferred_remove(): can't stat directory, skip it.\n");
+    char aside[text_size];
+    format_text(aside, "%s/%sXXXXXX", base, deferred_prefix);
+    if (!fill_unused_name(aside))
+        report_fatal(1, "deferred_remove(): Unable create filename for delete directory\n");
+    report_error(0, 1, "deferred_remove(): rename dir %s to %s\n", dir, aside);
+    if (rename_dir(dir, aside) != 0)
+        report_fatal(1, "deferred_remove(): Unable to rename directory\n");
+}
+
+void purge_deferred_dirs()
+{
+    for (const char *const *dir : deferred_dirs) {
+        DIR *stream = opendir(*dir);
+        if (!stream) {
+            report_error(0, 1, "Unable to open dir %s: %s\n", *dir, strerror(errno));
+            return;
+        }
+        const int saved_dir = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fchdir(dirfd(stream)) == 0)
+            while (const struct dirent *entry = readdir(stream))
+                purge_entry(entry->d_name);
+        [[maybe_unused]] const int unsaid = fchdir(saved_dir);
+        close(saved_dir);
+        closedir(stream);
+    }
+}
+
+void remove_tree(const char *path, int remove_self)
+{
+    struct stat status;
+    if (lstat(path, &status) != 0) {
+        if (errno == ENOENT)
+            return;
+        report_fatal(1, "Unable to check directory entry %s: %s\n", path, strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+        remove_dir(path, remove_self);
+        return;
+    }
+    if (unlink(path) != 0 && errno != ENOENT)
+        report_fatal(1, "Unable to unlink entry %s: %s\n", path, strerror(errno));
+}
