@@ -1,0 +1,114 @@
+#include "qmail/quota.h"
+
+#include "common/accounts.h"
+#include "common/conf.h"
+#include "common/error.h"
+#include "common/file_lock.h"
+#include "qmail/layout.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+void quota_path(text_buffer &path, const char *domain, const char *mail_name)
+{
+    constexpr const char *file = "@mbox.quota";
+    char *ascii = domain_toascii_safe(domain);
+    if (mail_name)
+        format_text(path, "%s/%s/%s/%s", QMAIL_MAILNAMES_D, ascii, mail_name, file);
+    else
+        mailbox_dir(path, ascii, file);
+    free(ascii);
+}
+
+// A handle that holds the lock, or none after a report.
+file_lock *lock_quota(const char *path, int system_error_flag)
+{
+    file_lock *lock = lock_file_exclusive(path, 1);
+    if (lock_file_is_held(lock))
+        return lock;
+    report_error(0, system_error_flag, "Error while locking file %s.\n", path);
+    lock_file_release(lock);
+    return nullptr;
+}
+
+void unlock_quota(file_lock *lock, const char *path)
+{
+    if (lock_file_release(lock) != 0)
+        report_error(0, 0, "Error while unlocking file %s\n", path);
+}
+
+bool write_quota(const char *path, std::int64_t quota)
+{
+    FILE *file = fopen(path, "we");
+    if (!file) {
+        report_error(0, 1, "Unable to open file %s: %s\n", path, strerror(errno));
+        return false;
+    }
+    fprintf(file, "%ld\n", static_cast<long>(quota)); // a failure comes out at the close
+    if (fclose(file) != 0) {
+        report_error(0, 1, "%s", strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+bool own_quota(const char *path)
+{
+    const popuser_ids ids = {get_user_id("popuser", 0), get_user_id("popuser", 1)};
+    if (chown(path, ids.uid, ids.gid) != 0) {
+        report_error(0, 1, "Unable to chown quota file %s\n", path);
+        return false;
+    }
+    if (chmod(path, 0640) != 0) {
+        report_error(0, 1, "Unable to chmod for quota file %s\n", path);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+int write_mbox_quota(const char *domain, const char *mail_name, std::int64_t quota)
+{
+    text_buffer path;
+    quota_path(path, domain, mail_name);
+    file_lock *lock = lock_quota(path, 0);
+    if (!lock)
+        return 0;
+    if (!write_quota(path, quota)) {
+        lock_file_release(lock);
+        return 0;
+    }
+    if (!own_quota(path)) {
+        lock_file_release(lock); // first: the removal takes the same lock
+        remove_mbox_quota(domain, mail_name);
+        return 0;
+    }
+    unlock_quota(lock, path);
+    return 1;
+}
+
+int remove_mbox_quota(const char *domain, const char *mail_name)
+{
+    text_buffer path;
+    quota_path(path, domain, mail_name);
+    struct stat status;
+    if (stat(path, &status) != 0)
+        return 1;
+    file_lock *lock = lock_quota(path, 1);
+    if (!lock)
+        return 0;
+    if (unlink(path) != 0) {
+        report_error(0, 1, "System Error: can not remove quota file %s\n", path);
+        lock_file_release(lock);
+        return 0;
+    }
+    unlock_quota(lock, path);
+    return 1;
+}
