@@ -30,8 +30,8 @@ file_lock *lock_file_open(const char *path, int open_flags, int operation, int n
     auto *lock = static_cast<file_lock *>(malloc(sizeof(file_lock)));
     if (!lock)
         return nullptr;
-    lock->path = named ? alloc_printf("%s/var/lock/files/%s", PRODUCT_ROOT_D, lock_file_name(path))
-                       : alloc_printf("%s", path);
+    lock->path =
+        named ? alloc_printf("%s/var/lock/files/%s", PRODUCT_ROOT_D, lock_file_name(path)) : alloc_printf("%s", path);
     lock->fd = open(lock->path, open_flags | O_CLOEXEC, 0644);
     if (lock->fd < 0) {
         report_error(0, 0, "Unable to open file \"%s\": %s.", lock->path, strerror(errno));

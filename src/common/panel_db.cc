@@ -3,6 +3,7 @@
 #include "common/error.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -107,4 +108,22 @@ MYSQL *panel_db_open()
     if (!db)
         report_error(0, 0, "%s", message);
     return db;
+}
+
+MYSQL_RES *panel_db_rows(MYSQL *db, const char *query)
+{
+    return mysql_real_query(db, query, strlen(query)) == 0 ? mysql_store_result(db) : nullptr;
+}
+
+MYSQL_RES *panel_db_rows_safe(MYSQL *db, int system_error_flag, const char *what, const char *format, ...)
+{
+    char query[text_size];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(query, sizeof query, format, arguments);
+    va_end(arguments);
+    MYSQL_RES *rows = panel_db_rows(db, query);
+    if (!rows)
+        report_fatal(system_error_flag, "Unable to query %s: %s", what, mysql_error(db));
+    return rows;
 }

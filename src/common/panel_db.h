@@ -16,3 +16,12 @@ MYSQL *panel_db_connect(std::span<char> message);
 
 // panel_db_connect that reports the reason (not fatal).
 MYSQL *panel_db_open();
+
+// Sends a query and keeps its whole result, which the caller frees with mysql_free_result. None on any failure, with
+// the reason in mysql_error. Reports nothing.
+MYSQL_RES *panel_db_rows(MYSQL *db, const char *query);
+
+// panel_db_rows of a query that is formatted, and cut, to 4096 bytes. A failure ends the process: "Unable to query
+// WHAT: %s", with this system-error flag.
+MYSQL_RES *panel_db_rows_safe(MYSQL *db, int system_error_flag, const char *what, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));

@@ -18,8 +18,8 @@ struct option {
 };
 
 constexpr option options[] = {
-    {"--with-spam", 1, 0},   {"with-spam", 1, 0},    {"-v", 1, 0},          {"--without-spam", 0, 0},
-    {"without-spam", 0, 0},  {"--spam-only", 1, 1},  {"spam-only", 1, 1},
+    {"--with-spam", 1, 0},  {"with-spam", 1, 0},   {"-v", 1, 0},        {"--without-spam", 0, 0},
+    {"without-spam", 0, 0}, {"--spam-only", 1, 1}, {"spam-only", 1, 1},
 };
 
 constexpr const char *usage_text = "Usage: mboxfix [OPTION]\n"

@@ -14,11 +14,10 @@
 #include "qmail/quota.h"
 
 #include <cerrno>
-#include <cstdarg>
+#include <crypt.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <crypt.h>
 #include <ctime>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -102,20 +101,6 @@ void prepare_ground()
         report_fatal(1, "WARNING: Unable to chdir to mailnames dir: %s", strerror(errno));
 }
 
-// The rows of a query, which the caller releases. A failure ends the process: "Unable to query WHAT: %s".
-__attribute__((format(printf, 3, 4))) MYSQL_RES *query_rows(MYSQL *db, const char *what, const char *format, ...)
-{
-    text_buffer query;
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(query, sizeof query, format, arguments);
-    va_end(arguments);
-    MYSQL_RES *rows = mysql_real_query(db, query, strlen(query)) == 0 ? mysql_store_result(db) : nullptr;
-    if (!rows)
-        report_fatal(1, "Unable to query %s: %s", what, mysql_error(db));
-    return rows;
-}
-
 bool is_set(const char *column)
 {
     return column && strcmp(column, "false") != 0;
@@ -141,9 +126,9 @@ void rebuild_quota(const char *domain, const char *name, const char *text)
 
 void rebuild_domain_aliases(const rebuild_pass &pass, const domain_row &domain)
 {
-    MYSQL_RES *rows = query_rows(pass.db, "domain aliases",
-                                 "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'",
-                                 domain.id, 0U);
+    MYSQL_RES *rows = panel_db_rows_safe(pass.db, 1, "domain aliases",
+                                         "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'",
+                                         domain.id, 0U);
     while (const MYSQL_ROW row = mysql_fetch_row(rows)) {
         add_domain_alias(domain.name, row[0]);
         const char *policy = get_DomainService_Parameter(domain.id, "mail", "nonexist_mail", pass.db);
@@ -167,8 +152,8 @@ const char *encrypt_password(const rebuild_pass &pass, const domain_row &domain,
 
 void rebuild_group(const rebuild_pass &pass, const domain_row &domain, const MYSQL_ROW mail)
 {
-    MYSQL_RES *rows =
-        query_rows(pass.db, "mailgroup members", "SELECT address FROM mail_redir WHERE mn_id=%s", mail[mail_id]);
+    MYSQL_RES *rows = panel_db_rows_safe(pass.db, 1, "mailgroup members",
+                                         "SELECT address FROM mail_redir WHERE mn_id=%s", mail[mail_id]);
     while (const MYSQL_ROW row = mysql_fetch_row(rows))
         if (row[0])
             add_forward(mail[mail_name], domain.name, row[0]);
@@ -177,8 +162,8 @@ void rebuild_group(const rebuild_pass &pass, const domain_row &domain, const MYS
 
 void rebuild_mail_aliases(const rebuild_pass &pass, const domain_row &domain, const MYSQL_ROW mail)
 {
-    MYSQL_RES *rows =
-        query_rows(pass.db, "alias for mail", "SELECT alias FROM mail_aliases WHERE mn_id=%s", mail[mail_id]);
+    MYSQL_RES *rows = panel_db_rows_safe(pass.db, 1, "alias for mail", "SELECT alias FROM mail_aliases WHERE mn_id=%s",
+                                         mail[mail_id]);
     while (const MYSQL_ROW row = mysql_fetch_row(rows))
         add_mail_alias(mail[mail_name], domain.name, row[0]);
     mysql_free_result(rows);
@@ -203,12 +188,12 @@ void rebuild_mail_name(const rebuild_pass &pass, const domain_row &domain, const
 
 void rebuild_mail_names(const rebuild_pass &pass, const domain_row &domain)
 {
-    MYSQL_RES *rows =
-        query_rows(pass.db, "mailnames",
-                   "SELECT m.id, m.mail_name, m.postbox, a.type, a.password, m.redirect, m.redir_addr, m.mail_group, "
-                   "m.autoresponder, m.mbox_quota FROM mail m LEFT JOIN accounts a ON a.id = m.account_id "
-                   "WHERE dom_id=%s",
-                   domain.id);
+    MYSQL_RES *rows = panel_db_rows_safe(
+        pass.db, 1, "mailnames",
+        "SELECT m.id, m.mail_name, m.postbox, a.type, a.password, m.redirect, m.redir_addr, m.mail_group, "
+        "m.autoresponder, m.mbox_quota FROM mail m LEFT JOIN accounts a ON a.id = m.account_id "
+        "WHERE dom_id=%s",
+        domain.id);
     while (const MYSQL_ROW row = mysql_fetch_row(rows))
         rebuild_mail_name(pass, domain, row);
     mysql_free_result(rows);
@@ -238,9 +223,10 @@ void rebuild_mail_config()
     if (!pass.db)
         report_fatal(1, "Unable to connect to the mysql database");
     pass.short_names_disabled = !short_pop3_names_allowed(pass.db);
-    MYSQL_RES *rows = query_rows(pass.db, "domains",
-                                 "SELECT d.id, d.name, d.status, s.status FROM domains d LEFT JOIN DomainServices s "
-                                 "ON d.id=s.dom_id WHERE s.type='mail'");
+    MYSQL_RES *rows =
+        panel_db_rows_safe(pass.db, 1, "domains",
+                           "SELECT d.id, d.name, d.status, s.status FROM domains d LEFT JOIN DomainServices s "
+                           "ON d.id=s.dom_id WHERE s.type='mail'");
     srand(static_cast<unsigned>(time(nullptr)));
     random_salt(pass.salt + 3, 8);
     pass.salt[11] = '\0';

@@ -3,6 +3,7 @@
 #include "common/conf.h"
 #include "common/error.h"
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
@@ -18,9 +19,9 @@ namespace {
 
 constexpr int read_step = 4096;
 constexpr int poll_interval_ms = 1000;
-constexpr int max_arguments = 99; // behind argv[0]
+constexpr std::size_t max_arguments = 99; // behind argv[0]
 
-using argument_slots = const char *[max_arguments + 2];
+using argument_slots = std::array<const char *, max_arguments + 2>;
 
 // What is read from one stream of a child. fd is -1 once the stream has ended, or when there is none.
 struct capture {
@@ -136,7 +137,7 @@ char *captured_text(const capture &stream)
 // argv[0] and what follows in the list, cut to the slots and ended by a null pointer.
 void list_arguments(argument_slots &argv, const char *first, va_list list)
 {
-    int count = 0;
+    std::size_t count = 0;
     argv[count++] = first;
     while (count <= max_arguments && (argv[count] = va_arg(list, const char *)))
         ++count;
@@ -268,7 +269,7 @@ int util_exec(const char *name, ...)
     va_start(list, name);
     list_arguments(argv, path, list);
     va_end(list);
-    return run_utility(path, argv);
+    return run_utility(path, argv.data());
 }
 
 int run_quiet_wait(const char *path, ...)
@@ -285,7 +286,7 @@ int run_quiet_wait(const char *path, ...)
         redirect(-1, STDIN_FILENO);
         redirect(-1, STDOUT_FILENO);
         redirect(-1, STDERR_FILENO);
-        _exit(execv(path, const_cast<char *const *>(argv)));
+        _exit(execv(path, const_cast<char *const *>(argv.data())));
     }
     int status = 0;
     wait(&status);

@@ -24,7 +24,8 @@ int fork_execv_getouterr(char **out, char **err, const char *path, const char *c
 // The same with standard error inherited, and with the same messages.
 int fork_execv_getout(char **out, const char *path, const char *const *argv);
 
-// fork_execv_getout with the vector given as a list from arg0 on, ended by a null pointer. Fatal: "malloc() failed: %s".
+// fork_execv_getout with the vector given as a list from arg0 on, ended by a null pointer. Without memory for it the
+// process ends: "malloc() failed: %s".
 int fork_execl_getout(char **out, const char *path, const char *arg0, ...) __attribute__((sentinel));
 
 // Runs a utility of the product, PRODUCT_ROOT_D/admin/bin/NAME, with this vector, argv[0] included. Returns 0, or -1

@@ -139,7 +139,8 @@ int is_process_running(const char *name)
 int kill_by_name(const char *name, int signal)
 {
     char command[text_size];
-    format_text(command, "for pid in `%s axc -opid,command|%s -E \"[0-9] %s$\"|%s '{print $1}' -` ; do %s -%d $pid ; done",
+    format_text(command,
+                "for pid in `%s axc -opid,command|%s -E \"[0-9] %s$\"|%s '{print $1}' -` ; do %s -%d $pid ; done",
                 ps_path, grep_path, name, awk_path, kill_path, signal);
     return system(command);
 }

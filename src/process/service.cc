@@ -17,8 +17,8 @@
 namespace {
 
 constexpr const char *service_table[] = {
-    "vlq", "courier-imap", "mysqld", "named", "qmail",   "stunnel", "postgresql",
-    "mailman", "drwebd",   "smb",    "network", "xinetd",
+    "vlq",        "courier-imap", "mysqld", "named", "qmail",   "stunnel",
+    "postgresql", "mailman",      "drwebd", "smb",   "network", "xinetd",
 };
 
 bool is_known(const char *service)

@@ -148,8 +148,7 @@ int remove_mailbox(const char *mail_name, const char *domain)
     return 0;
 }
 
-int add_postbox(const char *mail_name, const char *domain, const char *password, int disabled,
-                int short_names_disabled)
+int add_postbox(const char *mail_name, const char *domain, const char *password, int disabled, int short_names_disabled)
 {
     check_mail_name(mail_name, domain, "empty mailname or maildomain");
     add_poppasswd_record(mail_name, domain, password, disabled, short_names_disabled);

@@ -1,9 +1,9 @@
 #pragma once
 
-// Mail names: the users/assign line and mailbox directory, and, for those with a mailbox, the users/poppasswd record and
-// the Maildir delivery. The domain directory must be there. Names come as the database holds them; a mail name begins
-// with a letter, a digit, "_" or "-", or the operation ends the process. All return 0: what matters ends the process
-// with a report, the failed removal of an old line is reported and passed over.
+// Mail names: the users/assign line and mailbox directory, and, for those with a mailbox, the users/poppasswd record
+// and the Maildir delivery. The domain directory must be there. Names come as the database holds them; a mail name
+// begins with a letter, a digit, "_" or "-", or the operation ends the process. All return 0: what matters ends the
+// process with a report, the failed removal of an old line is reported and passed over.
 
 // Writes the assign line, and makes the mailbox directory with a fresh ".qmail" ("| true", 0600) and an empty Maildir,
 // all of popuser. What exists keeps its mode and what is in it, ".qmail" apart. A failure is undone by remove_mailbox
