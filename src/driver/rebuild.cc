@@ -67,12 +67,9 @@ void empty_qmail_files()
     qmail_path(path, "/users/assign");
     file_str_line(path, ".\n", edit::add, at_end);
 
-    qmail_path(path, "/users/poppasswd");
-    struct stat status;
-    const bool existed = stat(path, &status) == 0;
-    truncate_or_create_file(path);
-    if (!existed)
-        chmod(path, 0600); // it is about to hold password hashes
+    const mode_t former = umask(077); // a new one is about to hold password hashes
+    empty_file("/users/poppasswd");
+    umask(former);
 }
 
 void prepare_mailnames_dir(gid_t qmail_gid)
