@@ -5,16 +5,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <libgen.h>
 
 const char *program_name = nullptr;
 
 static void print_line(FILE *stream, const char *text)
 {
     if (program_name) {
-        char name[text_size];
-        format_text(name, "%s", program_name); // basename() may write into what it is given
-        fprintf(stream, "%s: ", basename(name));
+        const char *slash = strrchr(program_name, '/');
+        fprintf(stream, "%s: ", slash ? slash + 1 : program_name);
     }
     fputs(text, stream);
     const std::size_t length = strlen(text);
