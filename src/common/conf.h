@@ -41,7 +41,7 @@
     KEY(LIB_CRYPTO_PATH)                                                                                               \
     KEY(CLIENT_PHP_BIN)
 
-// One variable per key, none until load_conf has returned and never empty after that. The texts belong to the
+// One variable per key, none until load_conf has come to it and never empty after that. The texts belong to the
 // configuration cache, which lives as long as the process: nobody changes or frees them.
 #define CONF_VARIABLE(key) extern const char *key;
 CONF_KEYS(CONF_VARIABLE)

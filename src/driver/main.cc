@@ -32,14 +32,16 @@ constexpr const char *usage_text = "Usage: mboxfix [OPTION]\n"
                                    "  --spam-only [--daemon-mode]\n"
                                    "         restore only SpamAssassin settings";
 
-// A lock that came to lie on one of the standard descriptors would look as if it were not held.
+// Started with one of them closed, the run would open a lock (which must not be 0 to count as held), a file or the
+// database on its number, and write its messages there.
 void fill_standard_descriptors()
 {
     int fd;
     do
         fd = open("/dev/null", O_RDWR);
     while (fd >= 0 && fd <= STDERR_FILENO);
-    close(fd);
+    if (fd >= 0)
+        close(fd);
 }
 
 [[noreturn]] void end_with_usage()
