@@ -8,10 +8,13 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -21,6 +24,7 @@ constexpr std::size_t piece_size = 4094;
 struct target {
     const char *path;
     bool existed;
+    bool sole;          // a regular file under this one name, reached through no link
     struct stat status; // of the file before the edit, when it existed
 };
 
@@ -44,30 +48,53 @@ int report_read(const char *path)
 
 int report_close(const char *path, int cause)
 {
-    report_error(0, 0, "Unable to close file %s: %s\n", path, strerror(cause));
+    errno = cause;
+    report_error(0, 0, "Unable to close file %s: %s\n", path, strerror(errno));
     return 1;
 }
 
-bool read_all(int fd, std::string &text)
+// A file's bytes; not a string, which would first fill with zeros what is then read over.
+struct content {
+    std::unique_ptr<char[]> bytes;
+    std::size_t size;
+};
+
+std::string_view view(const content &text)
+{
+    return {text.bytes.get(), text.size};
+}
+
+// Moves the text into a larger block; false without the memory for it.
+bool make_room(content &text, std::size_t capacity)
+{
+    std::unique_ptr<char[]> block(new (std::nothrow) char[capacity]);
+    if (!block) {
+        errno = ENOMEM;
+        return false;
+    }
+    if (text.size > 0)
+        memcpy(block.get(), text.bytes.get(), text.size);
+    text.bytes = std::move(block);
+    return true;
+}
+
+bool read_all(int fd, content &text)
 {
     struct stat status;
-    const auto expected = fstat(fd, &status) == 0 ? static_cast<std::size_t>(status.st_size) : 0;
-    std::size_t length = 0;
-    text.resize(expected + 1); // the one byte more sees the end in the same call that reads the content
+    // The one byte more sees the end in the same call that reads the content.
+    std::size_t capacity = fstat(fd, &status) == 0 ? static_cast<std::size_t>(status.st_size) + 1 : text_size;
+    if (!make_room(text, capacity))
+        return false;
     for (;;) {
-        const ssize_t got = read(fd, text.data() + length, text.size() - length);
+        const ssize_t got = read(fd, text.bytes.get() + text.size, capacity - text.size);
         if (got < 0 && errno == EINTR)
             continue;
-        if (got < 0)
+        if (got <= 0)
+            return got == 0;
+        text.size += static_cast<std::size_t>(got);
+        if (text.size == capacity && !make_room(text, capacity *= 2)) // the file grew, or does not tell its size
             return false;
-        length += static_cast<std::size_t>(got);
-        if (got == 0)
-            break;
-        if (length == text.size())
-            text.resize(2 * length);
     }
-    text.resize(length);
-    return true;
 }
 
 bool write_all(int fd, std::string_view text)
@@ -95,11 +122,19 @@ int tell(const char *what, const copy &made)
 int begin_copy(const target &file, copy &made)
 {
     format_text(made.path, "%s.tmp", file.path);
+    if (strlen(file.path) + strlen(".tmp") >= sizeof made.path) { // the cut name may be the file's own
+        errno = ENAMETOOLONG;
+        return tell("Unable to open file", made);
+    }
+    const int former_errno = errno;
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     made.fd = open(made.path, flags, 0600);
     if (made.fd < 0 && errno == EEXIST && unlink(made.path) == 0)
         made.fd = open(made.path, flags, 0600);
-    return made.fd >= 0 ? 0 : tell("Unable to open file", made);
+    if (made.fd < 0)
+        return tell("Unable to open file", made);
+    errno = former_errno; // a leftover that is gone is no error of what follows
+    return 0;
 }
 
 void drop_copy(const copy &made)
@@ -170,20 +205,21 @@ bool is_dropped(std::string_view piece, const char *const *lines, edit action, i
 }
 
 // Takes the dropped lines out of the text; false when there was none.
-bool drop_lines(std::string &text, const char *const *lines, edit action, int mode)
+bool drop_lines(content &text, const char *const *lines, edit action, int mode)
 {
     std::size_t kept = 0;
-    for (std::size_t at = 0, size; at < text.size(); at += size) {
-        const std::string_view window = std::string_view(text).substr(at, piece_size);
+    for (std::size_t at = 0, size; at < text.size; at += size) {
+        const std::string_view window = view(text).substr(at, piece_size);
         size = std::min(window.find('\n'), window.size() - 1) + 1;
-        if (is_dropped(window.substr(0, size), lines, action, mode))
+        const std::string_view piece = window.substr(0, size);
+        if (is_dropped(piece, lines, action, mode))
             continue;
         if (kept != at)
-            memmove(text.data() + kept, text.data() + at, size);
+            memmove(text.bytes.get() + kept, piece.data(), size);
         kept += size;
     }
-    const bool dropped = kept != text.size();
-    text.resize(kept);
+    const bool dropped = kept != text.size;
+    text.size = kept;
     return dropped;
 }
 
@@ -199,20 +235,20 @@ int remove_lines(const target &file, const char *const *lines, edit action, int 
         close(input);
         return 1;
     }
-    std::string text;
+    content text{};
     if (!read_all(input, text)) {
         report_read(file.path);
         close(input);
         drop_copy(made);
         return 1;
     }
-    if (!drop_lines(text, lines, action, mode)) {
+    if (!drop_lines(text, lines, action, mode) && file.sole) {
         close(input);
         drop_copy(made);
         return 0;
     }
     int failed = 0;
-    if (!write_all(made.fd, text)) {
+    if (!write_all(made.fd, view(text))) {
         failed = errno;
         if (action == edit::remove) {
             unlink(made.path);
@@ -255,14 +291,14 @@ int add_at_start(const target &file, const char *const *lines)
         close(made.fd);
         return 1;
     }
-    std::string text;
+    content text{};
     if (!read_all(input, text)) {
         report_read(file.path);
         close(input);
         drop_copy(made);
         return 1;
     }
-    if (failed == 0 && !write_all(made.fd, text)) {
+    if (failed == 0 && !write_all(made.fd, view(text))) {
         report_error(0, 0, "Unable to fputs to file %s: %s\n", file.path, strerror(errno));
         close(input);
         drop_copy(made);
@@ -307,14 +343,20 @@ int perform(const target &file, const char *const *lines, edit action, int mode)
 
 int edit_locked(const char *path, const char *const *lines, edit action, int mode)
 {
-    target file{path, true, {}};
-    if (stat(path, &file.status) != 0) {
+    target file{path, true, true, {}};
+    int failed = lstat(path, &file.status);
+    if (failed == 0 && S_ISLNK(file.status.st_mode)) {
+        file.sole = false;
+        failed = stat(path, &file.status);
+    }
+    if (failed != 0) {
         if (errno != ENOENT) {
             report_error(0, 0, "file_str: Unable to stat file %s: %s\n", path, strerror(errno));
             return 1;
         }
         file.existed = false;
     }
+    file.sole = file.sole && S_ISREG(file.status.st_mode) && file.status.st_nlink == 1;
     if (perform(file, lines, action, mode) != 0)
         return 1;
     if (!file.existed)

@@ -20,7 +20,8 @@ enum match { prefix = 0, suffix = 1, substring = 2 };
 // - A removal takes a line of more than 4094 bytes, newline included, for several lines of at most 4094 bytes each.
 // - `add` does not look for equal lines; at_start needs an existing file (without one PATH.tmp stays, holding the new
 //   lines), at_end makes it (0666 less the umask) and glues its first line to a last line that has no newline.
-// - A removal that drops nothing leaves the file as it is. A link is followed, but a rewrite replaces it by a file.
+// - A removal that drops nothing leaves the file as it is, but for its owner and bits, which are set anew. A symbolic
+//   link or one of several hard links is always replaced by a file of its own, which holds what the link led to.
 // - A write that fails during `remove` ends the process: "cannot write a line to %s.tmp". An append that fails is cut
 //   back. A failing PATH.tmp, or its rename after at_start or remove_matching, is told on standard error alone.
 int file_str(const char *path, const char *const *lines, edit action, int mode);
