@@ -21,12 +21,10 @@ static void print_line(FILE *stream, const char *text)
     fflush(stream);
 }
 
-static void print_message(const char *text, int exit_status)
+static void print_message(const char *text)
 {
     print_line(stderr, text);
     print_line(stdout, text);
-    if (exit_status != 0)
-        end_process(exit_status);
 }
 
 // Makes room for at least `needed` bytes; without memory the buffer stays as it is, and what comes next is cut to it.
@@ -40,13 +38,13 @@ static void grow(char *&buffer, std::size_t &capacity, std::size_t needed)
     }
 }
 
-__attribute__((format(printf, 2, 0))) static void vreport(int exit_status, const char *format, va_list arguments)
+__attribute__((format(printf, 1, 0))) static void print_report(const char *format, va_list arguments)
 {
     const int saved_errno = errno;
     std::size_t capacity = text_size;
     char *buffer = static_cast<char *>(malloc(capacity));
     if (!buffer) {
-        print_message("Can't allocate memory for error message", exit_status);
+        print_message("Can't allocate memory for error message");
         errno = saved_errno;
         return;
     }
@@ -68,9 +66,16 @@ __attribute__((format(printf, 2, 0))) static void vreport(int exit_status, const
         grow(buffer, capacity, length + strlen(suffix) + 1);
         format_text({buffer + length, capacity - length}, "%s", suffix);
     }
-    print_message(buffer, exit_status);
+    print_message(buffer);
     free(buffer);
     errno = saved_errno; // a first write to a stream may have asked whether it is a terminal
+}
+
+__attribute__((format(printf, 2, 0))) static void vreport(int exit_status, const char *format, va_list arguments)
+{
+    print_report(format, arguments);
+    if (exit_status != 0)
+        end_process(exit_status);
 }
 
 void report_error(int exit_status, int, const char *format, ...)
@@ -87,7 +92,7 @@ void report_fatal(int, const char *format, ...)
     va_start(arguments, format);
     vreport(1, format, arguments);
     va_end(arguments);
-    abort(); // never reached: the message printer has ended the process
+    abort(); // never reached: the report has ended the process
 }
 
 char *alloc_printf(const char *format, ...)
