@@ -83,8 +83,10 @@ int is_inside_dir(const char *path, const char *dir)
     static_assert(text_size >= PATH_MAX, "realpath() needs this much");
     char inner[text_size];
     char outer[text_size];
+    const int former_errno = errno;
     if (!resolve_dir(path, inner) || !resolve_dir(dir, outer))
         return 0;
+    errno = former_errno; // realpath() leaves one behind where it succeeds
     const std::size_t length = strlen(outer);
     return strncmp(inner, outer, length) == 0 && inner[length] == '/';
 }

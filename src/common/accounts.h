@@ -13,7 +13,8 @@ uid_t get_user_id(const char *name, int which);
 int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t bits);
 
 // Makes a directory, or takes what is there, with this owner and exactly these bits. Returns 0, or -1 after "ERROR:
-// Unable to mkdir %s: %s\n", or the same for chown and chmod. Clears errno.
+// Unable to mkdir %s: %s\n", or the same for chown and chmod. Clears errno on entry; a
+// directory that was there leaves EEXIST behind.
 int make_dir(const char *path, uid_t uid, gid_t gid, mode_t bits);
 
 // Renames a directory, never over something else. Returns 0, also when there is nothing to rename, or -1 after

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 
 namespace {
 
@@ -98,6 +99,7 @@ MYSQL *panel_db_connect(std::span<char> message)
         mysql_close(db);
         return nullptr;
     }
+    fcntl(static_cast<int>(db->net.fd), F_SETFD, FD_CLOEXEC); // the client library leaves it open for our children
     return prepare(db, message);
 }
 

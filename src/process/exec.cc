@@ -283,9 +283,11 @@ int run_quiet_wait(const char *path, ...)
     if (child < 0)
         return 1;
     if (child == 0) {
-        redirect(-1, STDIN_FILENO);
-        redirect(-1, STDOUT_FILENO);
-        redirect(-1, STDERR_FILENO);
+        for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+            close(fd);
+        open("/dev/null", O_RDWR); // becomes 0; without it the program runs all the same
+        dup2(STDIN_FILENO, STDOUT_FILENO);
+        dup2(STDIN_FILENO, STDERR_FILENO);
         _exit(execv(path, const_cast<char *const *>(argv.data())));
     }
     int status = 0;

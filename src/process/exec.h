@@ -2,9 +2,9 @@
 
 #include <sys/types.h>
 
-// Programs run as child processes: started without a shell, with no descriptor of ours above 2, one at a time, and
-// waited for. A report marked fatal ends this process; a child tells its own failures on its standard error and ends
-// with status 255.
+// Programs run as child processes: started without a shell, with no descriptor of ours above 2 (swept in the child, but
+// for run_quiet_wait, which relies on their being close-on-exec), one at a time, and waited for. A report marked fatal
+// ends this process; a child tells its own failures on its standard error and ends with status 255.
 
 // Closes every descriptor from 3 up in the calling process; meant for a child before it executes something.
 void close_descriptors();

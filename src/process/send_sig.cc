@@ -60,6 +60,7 @@ int signal_matches(const char *output, const char *text, int signal)
 bool fill_unused_name(char *path)
 {
     constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    const int former_errno = errno;
     unsigned char drawn[6];
     char *tail = path + strlen(path) - sizeof drawn;
     for (int tries = 0; tries < 100; ++tries) {
@@ -68,8 +69,12 @@ bool fill_unused_name(char *path)
         for (std::size_t at = 0; at < sizeof drawn; ++at)
             tail[at] = alphabet[drawn[at] % (sizeof alphabet - 1)];
         struct stat status;
-        if (lstat(path, &status) != 0)
-            return errno == ENOENT;
+        if (lstat(path, &status) == 0)
+            continue;
+        const bool unused = errno == ENOENT;
+        if (unused)
+            errno = former_errno;
+        return unused;
     }
     return false;
 }

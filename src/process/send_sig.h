@@ -22,8 +22,10 @@ int is_virtual_environment();
 // "__deleted", for purge_deferred_dirs; tells so in a notice. Every failure is reported and ends the process.
 void deferred_remove(const char *dir);
 
-// Removes what deferred_remove has moved aside. Reports what it cannot remove and goes on; ends early, with a report,
-// when one of the two directories cannot be opened. Nothing is fatal. The working directory is the same afterwards.
+// Removes what deferred_remove has moved aside, by rm. Reports an rm that cannot be run or is ended by a signal, and an
+// entry that cannot be examined, and goes on; what rm itself fails to remove is left without a word. Ends early, with a
+// report, when one of the two directories cannot be opened. Nothing is fatal. The working directory is the same
+// afterwards.
 void purge_deferred_dirs();
 
 // Removes what lies at the path: a file or link, or a directory with all that is in it, itself only when remove_self
