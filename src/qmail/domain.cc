@@ -19,9 +19,11 @@ namespace {
 
 text_buffer id_buffer;
 
-// Puts the id of the domain of exactly this name into the id buffer; false when there is none.
+// Puts the id of the domain of exactly this name into the id buffer; false when there is none. The name is looked at
+// here: the conversion to ASCII may have made a quote of a look-alike.
 bool ask_dom_id(MYSQL *db, const char *name)
 {
+    assert(is_plain_text(name));
     format_text(id_buffer, "select id from domains where name='%s'", name);
     if (mysql_real_query(db, id_buffer, strlen(id_buffer)) != 0)
         report_fatal(1, "Unable to query domain ID: %s\n", mysql_error(db));

@@ -4,8 +4,9 @@
 
 // Mail domains and domain aliases in control/rcpthosts, control/virtualdomains and users/assign, and the domain
 // directory. Names come as the database holds them and go into files in their ASCII form. The writers return 0; what
-// matters ends the process with a report, what does not (a failed removal of an old line) is reported and passed over.
-// Each signals qmail-send (SIGHUP) at its end.
+// matters ends the process with a report. A line that add_mail_domain or add_domain_alias cannot take out first is
+// reported and passed over; in the two remove operations, but for the line of rcpthosts, it ends the process. Each
+// signals qmail-send (SIGHUP) once its lines in the control files are as they should be.
 
 // The id of a domain as text, in a static buffer that the next call overwrites. Asks for the ASCII form of the name
 // and, when there is no such row and the name differs from it, for the name as it is. Without a connection it opens and
