@@ -1,0 +1,226 @@
+#include "filters/antivirus.h"
+
+#include "common/accounts.h"
+#include "common/conf.h"
+#include "common/error.h"
+#include "common/file_lock.h"
+#include "common/file_str.h"
+#include "common/panel_db.h"
+#include "process/exec.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+struct recipient_query {
+    const char *what;
+    const char *text;
+};
+
+// Each row: setting, local part, domain.
+constexpr recipient_query recipient_queries[] = {
+    {"mailnames", "SELECT m.virusfilter, m.mail_name, d.name FROM mail m LEFT JOIN domains d ON m.dom_id=d.id "
+                  "WHERE m.virusfilter!='none'"},
+    {"mailnames on domain aliases",
+     "SELECT m.virusfilter, m.mail_name, da.name FROM mail m LEFT JOIN domainaliases da ON m.dom_id=da.dom_id "
+     "WHERE m.virusfilter!='none' AND da.mail='true' AND da.status='0'"},
+    {"mail aliases", "SELECT mn.virusfilter, ma.alias, d.name FROM mail mn, domains d, mail_aliases ma "
+                     "WHERE ma.mn_id=mn.id AND mn.dom_id=d.id AND mn.virusfilter!='none'"},
+    {"mail aliases on domain aliases",
+     "SELECT mn.virusfilter, ma.alias, da.name FROM mail mn, domains d, mail_aliases ma, domainaliases da "
+     "WHERE mn.dom_id=da.dom_id AND ma.mn_id=mn.id AND mn.dom_id=d.id AND mn.virusfilter!='none'"},
+};
+
+// What an address may carry, from whatever tool wrote it.
+struct rule_form {
+    const char *direction;
+    const char *kind;
+    const char *before;
+    const char *after;
+};
+constexpr rule_form rule_forms[] = {
+    {"from", "regex", "^", "$"}, {"to", "regex", "^", "$"}, {"any", "regex", "^", "$"},
+    {"from", "exact", "", ""},   {"to", "exact", "", ""},   {"any", "exact", "", ""},
+};
+constexpr std::size_t form_count = sizeof rule_forms / sizeof *rule_forms;
+
+constexpr const char *header = "[version=2]\n";
+
+void list_path(std::span<char> path)
+{
+    format_text(path, "%s/%s", DRWEB_ETC_D, "/users.conf");
+}
+
+bool is_dash(const char *path)
+{
+    return strcmp(path, "-") == 0;
+}
+
+int report_open(const char *path)
+{
+    report_error(0, 0, "Unable to open file %s: %s", path, strerror(errno));
+    return 1;
+}
+
+int report_close(const char *path)
+{
+    report_error(0, 0, "Unable to close file %s: %s\n", path, strerror(errno));
+    return 1;
+}
+
+int copy_chunks(int in, int out, const char *src, const char *dst)
+{
+    char chunk[4096];
+    for (;;) {
+        const ssize_t got = read(in, chunk, sizeof chunk);
+        if (got == 0)
+            return 0;
+        if (got < 0) {
+            report_error(0, 0, "Error while copying file %s to %s: %s", src, dst, strerror(errno));
+            return 1;
+        }
+        ssize_t put;
+        do
+            put = write(out, chunk, static_cast<std::size_t>(got));
+        while (put == 0);
+        if (put != got) {
+            report_error(0, 0, "Unable to copy file %s to %s: %s\n", src, dst, strerror(errno));
+            return 1;
+        }
+    }
+}
+
+// Copies into `dst` from an open file, and closes `dst`.
+int copy_into(int in, const char *src, const char *dst)
+{
+    const bool keeps_open = is_dash(dst);
+    const int out = keeps_open ? STDOUT_FILENO : open(dst, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out < 0)
+        return report_open(dst);
+    const int result = copy_chunks(in, out, src, dst);
+    if (!keeps_open && close(out) != 0 && result == 0)
+        return report_close(dst);
+    return result;
+}
+
+int copy_file(const char *src, const char *dst)
+{
+    const bool keeps_open = is_dash(src);
+    const int in = keeps_open ? STDIN_FILENO : open(src, O_RDONLY | O_CLOEXEC);
+    if (in < 0)
+        return report_open(src);
+    const int result = copy_into(in, src, dst);
+    if (!keeps_open && close(in) != 0 && result == 0)
+        return report_close(src);
+    return result;
+}
+
+bool rebuild_from(MYSQL *db, const recipient_query &query)
+{
+    MYSQL_RES *rows = panel_db_rows(db, query.text);
+    if (!rows) {
+        report_error(0, 1, "Unable to query drweb %s: %s", query.what, mysql_error(db));
+        return false;
+    }
+    while (const MYSQL_ROW row = mysql_fetch_row(rows))
+        if (row[1] && row[2]) // an orphaned mail name has no domain to form an address with
+            av_set_recipient(row[2], row[1], row[0]);
+    mysql_free_result(rows);
+    return true;
+}
+
+} // namespace
+
+void av_rebuild_recipients(MYSQL *db)
+{
+    av_reset_list();
+    for (const recipient_query &query : recipient_queries)
+        if (!rebuild_from(db, query))
+            return;
+    util_exec("virsetup", "-r", static_cast<char *>(nullptr));
+}
+
+int av_reset_list()
+{
+    char path[text_size];
+    list_path(path);
+    char template_path[text_size];
+    format_text(template_path, "%s.in", path);
+    struct stat status;
+    if (stat(template_path, &status) == 0 && copy_file_locked(template_path, path) == 0)
+        return 0;
+    FILE *file = fopen(path, "we");
+    if (!file) {
+        report_error(0, 0, "Unable to open %s file for writing: %s\n", path, strerror(errno));
+        return -1;
+    }
+    fputs(header, file); // a failure comes out at the close
+    if (fclose(file) != 0) {
+        report_error(0, 0, "An error occured during writing the file %s: %s\n", path, strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int av_set_recipient(const char *domain, const char *name, const char *virusfilter)
+{
+    av_clear_recipient(domain, name);
+    char address[text_size];
+    format_text(address, "%s@%s", name, domain);
+    char path[text_size];
+    list_path(path);
+
+    const char *direction = virusfilter;
+    if (strncmp(virusfilter, "outgoing", 8) == 0)
+        direction = "from";
+    else if (strncmp(virusfilter, "incoming", 8) == 0)
+        direction = "to";
+    char rule[text_size];
+    format_text(rule, "allow\t%s\tregex\t^%s$", direction, address);
+    if (file_str_line(path, rule, edit::add, at_end) != 0) {
+        report_error(0, 0, "Unable to add record for '%s' to '%s' file", address, path);
+        return -1;
+    }
+    set_owner_mode(path, 0, 0, 0644);
+    return 0;
+}
+
+int av_clear_recipient(const char *domain, const char *name)
+{
+    char address[text_size];
+    format_text(address, "%s@%s", name, domain);
+    char path[text_size];
+    list_path(path);
+    char *rules[form_count + 1] = {};
+    for (std::size_t at = 0; at < form_count; ++at) {
+        const rule_form &form = rule_forms[at];
+        rules[at] = alloc_printf("allow\t%s\t%s\t%s%s%s", form.direction, form.kind, form.before, address, form.after);
+    }
+    file_str(path, rules, edit::remove, 0);
+    set_owner_mode(path, 0, 0, 0644);
+    for (char *rule : rules)
+        free(rule);
+    return 0;
+}
+
+int copy_file_locked(const char *src, const char *dst)
+{
+    if (strcmp(src, dst) == 0)
+        return 0;
+    file_lock *lock = lock_file_exclusive(dst, 1);
+    if (!lock_file_is_held(lock)) {
+        report_error(0, 0, "Error occurred while locking the file %s\n", dst);
+        lock_file_release(lock);
+        return 1;
+    }
+    const int result = copy_file(src, dst);
+    if (lock_file_release(lock) != 0 && result == 0)
+        report_error(0, 0, "Error occurred while unlocking the file %s\n", dst);
+    return result;
+}

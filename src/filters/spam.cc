@@ -1,0 +1,305 @@
+#include "filters/spam.h"
+
+#include "common/conf.h"
+#include "common/error.h"
+#include "common/get.h"
+#include "common/panel_db.h"
+#include "process/exec.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr const char *utility = "spamsetup";
+constexpr const char *component = "vlq-spamassassin";
+constexpr const char *server_name = "*@*";
+constexpr unsigned default_max_children = 5;
+
+// One name's settings on their way to the utility.
+struct replay {
+    const char *full_name;
+    MYSQL *db;
+    char *escaped_name;
+    char id[text_size];     // of the name's filter row
+    char action[text_size]; // what becomes of spam: "delete" or "save"
+    arg_vector args;
+    arg_mark base; // the arguments that every run of this name begins with
+};
+
+bool is_true(const char *value)
+{
+    return value && strncmp(value, "true", 4) == 0;
+}
+
+const char *or_empty(const char *value)
+{
+    return value ? value : "";
+}
+
+// Sends a query and keeps its rows, which the caller releases; none after a report.
+__attribute__((format(printf, 2, 3))) MYSQL_RES *ask(const replay &name, const char *format, ...)
+{
+    char query[text_size];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(query, sizeof query, format, arguments);
+    va_end(arguments);
+    MYSQL_RES *rows = panel_db_rows(name.db, query);
+    if (!rows)
+        report_error(0, 1, "Unable to get spamassassin settings for '%s': %s", name.full_name, mysql_error(name.db));
+    return rows;
+}
+
+bool run_utility(const replay &name)
+{
+    return util_execv(utility, name.args.slots) == 0;
+}
+
+// 1 when the name has a filter row, 0 when not, -1 on failure.
+int find_filter(replay &name)
+{
+    MYSQL_RES *rows =
+        ask(name, "SELECT id, IF(reject_spam = 'true', 'delete', 'save') FROM spamfilter WHERE username = '%s'",
+            name.escaped_name);
+    if (!rows)
+        return -1;
+    const MYSQL_ROW row = mysql_fetch_row(rows);
+    if (row) {
+        format_text(name.id, "%s", or_empty(row[0]));
+        format_text(name.action, "%s", or_empty(row[1]));
+    }
+    mysql_free_result(rows);
+    return row ? 1 : 0;
+}
+
+bool append_mailbox_state(replay &name)
+{
+    MYSQL_RES *rows = ask(name,
+                          "SELECT spamfilter FROM mail m, domains d WHERE m.dom_id = d.id "
+                          "AND CONCAT(m.mail_name, '@', d.name) = '%s'",
+                          name.escaped_name);
+    if (!rows)
+        return false;
+    const MYSQL_ROW row = mysql_fetch_row(rows);
+    if (row && is_true(row[0])) {
+        arg_append(name.args, "--enable-mailname");
+        arg_append(name.args, "--action");
+        arg_append(name.args, name.action);
+    } else if (row) {
+        arg_append(name.args, "--disable-mailname");
+    }
+    mysql_free_result(rows);
+    return true;
+}
+
+void append_server_state(replay &name)
+{
+    arg_append(name.args, "start");
+    if (is_true(get_misc_param("spamfilter_enabled", name.db))) {
+        arg_append(name.args, "--enable-server-configs");
+        if (is_true(get_misc_param("spamfilter_use_mailuser_prefs", name.db)))
+            arg_append(name.args, "--enable-user-configs");
+    }
+    unsigned number = default_max_children;
+    const char *value = get_misc_param("spamfilter_max_children", name.db);
+    if (!value || sscanf(value, "%u", &number) != 1)
+        number = default_max_children;
+    char text[16];
+    format_text(text, "%u", number);
+    arg_append(name.args, "--max-children");
+    arg_append(name.args, text);
+}
+
+bool append_score(replay &name)
+{
+    MYSQL_RES *rows = ask(name,
+                          "SELECT value FROM spamfilter_preferences WHERE spamfilter_id = %s "
+                          "AND preference = 'required_score' ORDER BY prefid",
+                          name.id);
+    if (!rows)
+        return false;
+    if (const MYSQL_ROW row = mysql_fetch_row(rows)) {
+        arg_append(name.args, "--sensitivity");
+        arg_append(name.args, or_empty(row[0]));
+    }
+    mysql_free_result(rows);
+    return true;
+}
+
+bool append_subject(replay &name)
+{
+    MYSQL_RES *rows = ask(name,
+                          "SELECT TRIM(TRIM(LEADING 'subject' FROM value)) FROM spamfilter_preferences "
+                          "WHERE spamfilter_id = %s AND preference = 'rewrite_header' AND value LIKE 'subject%%' "
+                          "ORDER BY prefid",
+                          name.id);
+    if (!rows)
+        return false;
+    if (const MYSQL_ROW row = mysql_fetch_row(rows)) {
+        const char *subject = or_empty(row[0]);
+        arg_append(name.args, *subject ? "--modify-header" : "--not-modify-header");
+        arg_append(name.args, subject);
+    }
+    mysql_free_result(rows);
+    return true;
+}
+
+// Appends one list entry. One that the vector refuses starts a new run, of the base and what follows.
+bool append_entry(replay &name, const char *list, const char *value)
+{
+    char option[text_size];
+    format_text(option, "--add-to-%s", list);
+    const arg_mark before = arg_state(name.args);
+    if (arg_append(name.args, option) && arg_append(name.args, value))
+        return true;
+    arg_cut(name.args, before);
+    if (!run_utility(name))
+        return false;
+    arg_cut(name.args, name.base);
+    arg_append(name.args, option);
+    arg_append(name.args, value);
+    return true;
+}
+
+bool append_lists(replay &name)
+{
+    MYSQL_RES *rows = ask(name,
+                          "SELECT TRIM(TRAILING '_from' FROM preference), value FROM spamfilter_preferences "
+                          "WHERE spamfilter_id = %s AND preference IN ('blacklist_from', 'whitelist_from', "
+                          "'unblacklist_from', 'unwhitelist_from') ORDER BY prefid",
+                          name.id);
+    if (!rows)
+        return false;
+    bool appended = true;
+    for (MYSQL_ROW row; appended && (row = mysql_fetch_row(rows));)
+        appended = append_entry(name, or_empty(row[0]), or_empty(row[1]));
+    mysql_free_result(rows);
+    return appended;
+}
+
+int apply(replay &name)
+{
+    const bool is_server = strncmp(name.full_name, server_name, 3) == 0;
+    arg_clear(name.args);
+    arg_append(name.args, utility);
+    if (!is_server) {
+        arg_append(name.args, "--mailname");
+        arg_append(name.args, name.full_name);
+    }
+    name.base = arg_state(name.args);
+
+    const int found = find_filter(name);
+    if (found <= 0)
+        return found;
+    if (is_server)
+        append_server_state(name);
+    else if (!append_mailbox_state(name))
+        return -1;
+    return append_score(name) && append_subject(name) && append_lists(name) && run_utility(name) ? 0 : -1;
+}
+
+void apply_domain(const char *id, const char *domain, MYSQL *db)
+{
+    MYSQL_RES *rows = panel_db_rows_safe(db, 0, "mailnames", "SELECT mail_name FROM mail WHERE dom_id=%s", id);
+    while (const MYSQL_ROW row = mysql_fetch_row(rows))
+        spam_apply_mailname(row[0], domain, db);
+    mysql_free_result(rows);
+}
+
+} // namespace
+
+void arg_clear(arg_vector &args)
+{
+    arg_cut(args, {0, 0});
+}
+
+bool arg_append(arg_vector &args, const char *text)
+{
+    const std::size_t length = strlen(text);
+    const auto room = static_cast<std::size_t>(arg_vector::text_bytes - args.used);
+    if (length == 0 || length >= room || args.count >= arg_vector::slot_count - 1)
+        return false;
+    char *place = args.text + args.used;
+    memcpy(place, text, length + 1);
+    args.slots[args.count] = place;
+    arg_cut(args, {args.count + 1, args.used + static_cast<int>(length) + 1});
+    return true;
+}
+
+arg_mark arg_state(const arg_vector &args)
+{
+    return {args.count, args.used};
+}
+
+void arg_cut(arg_vector &args, const arg_mark &state)
+{
+    args.count = state.count;
+    args.used = state.used;
+    args.slots[args.count] = nullptr;
+}
+
+void spam_rebuild_settings()
+{
+    MYSQL *db = panel_db_open();
+    if (!db)
+        report_fatal(0, "Unable to connect to the mysql database");
+    spam_apply_server(db);
+    MYSQL_RES *rows =
+        panel_db_rows_safe(db, 0, "domains",
+                           "SELECT d.id, d.name FROM domains d LEFT JOIN DomainServices s ON d.id=s.dom_id "
+                           "WHERE s.type='mail'");
+    while (const MYSQL_ROW row = mysql_fetch_row(rows))
+        apply_domain(row[0], row[1], db);
+    mysql_free_result(rows);
+    mysql_close(db);
+}
+
+int spam_apply_server(MYSQL *db)
+{
+    return spam_apply_settings(server_name, db);
+}
+
+int spam_apply_mailname(const char *mail_name, const char *domain, MYSQL *db)
+{
+    if (!mail_name || !*mail_name || !domain || !*domain) {
+        report_error(0, 1, "empty mailname or maildomain");
+        return -1;
+    }
+    char full_name[text_size];
+    format_text(full_name, "%s@%s", mail_name, domain);
+    return spam_apply_settings(full_name, db);
+}
+
+int spam_apply_settings(const char *full_name, MYSQL *db)
+{
+    if (!is_component_installed(component))
+        return 0;
+    char path[text_size];
+    format_text(path, "%s/admin/sbin/%s", PRODUCT_ROOT_D, utility);
+    struct stat status;
+    if (stat(path, &status) != 0) {
+        report_error(0, 1, "%s package is installed but '%s' does not exist", component, path);
+        return -1;
+    }
+    if (!full_name || !*full_name) {
+        report_error(0, 1, "empty full mailname");
+        return -1;
+    }
+    MYSQL *lent = db;
+    if (!db && !(db = panel_db_open())) {
+        report_error(0, 0, "Unable to connect to mysql database\n");
+        return -1;
+    }
+    replay name;
+    name.full_name = full_name;
+    name.db = db;
+    name.escaped_name = db_escape(db, full_name);
+    const int result = apply(name);
+    free(name.escaped_name);
+    close_own(db, lent);
+    return result;
+}
