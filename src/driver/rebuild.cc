@@ -6,6 +6,7 @@
 #include "common/file_str.h"
 #include "common/get.h"
 #include "common/panel_db.h"
+#include "filters/antivirus.h"
 #include "qmail/domain.h"
 #include "qmail/forward.h"
 #include "qmail/layout.h"
@@ -230,5 +231,7 @@ void rebuild_mail_config()
     while (const MYSQL_ROW row = mysql_fetch_row(rows))
         rebuild_domain(pass, row);
     mysql_free_result(rows);
+    if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
+        av_rebuild_recipients(pass.db);
     mysql_close(pass.db);
 }

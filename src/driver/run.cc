@@ -2,7 +2,9 @@
 
 #include "common/conf.h"
 #include "common/error.h"
+#include "common/get.h"
 #include "driver/rebuild.h"
+#include "filters/spam.h"
 #include "process/service.h"
 
 #include <cstdlib>
@@ -16,10 +18,11 @@ static int finish()
     return newu_status | service_control("qmail", "restart");
 }
 
-int run(int /* with_spam */, int spam_only)
+int run(int with_spam, int spam_only)
 {
-    if (spam_only)
-        return 0;
-    rebuild_mail_config();
-    return finish();
+    if (!spam_only)
+        rebuild_mail_config();
+    if (with_spam && is_component_installed("vlq-spamassassin"))
+        spam_rebuild_settings();
+    return spam_only ? 0 : finish();
 }
