@@ -15,6 +15,9 @@ panel() { ask "insert clients set id = 1, login = 'a'; insert domains set id = 1
   insert mail_aliases values (1, 1, 'z')"; }
 away() { panel; ask "rename table $1 to away"; run || status=$?; ask "rename table away to $1"; exit $status; }
 connections() { ask "show global status like 'Connections'" | cut -f2; }
+filters() { ask "delete from Components; insert Components (name, version) values ('drweb', '$1'),
+  ('drweb-qmail', '$1'), ('vlq-spamassassin', '$1')"; }
+bin=/usr/local/vlq/admin/bin
 count() { before=$(connections); run; echo $(($(connections) - before - 1)); }
 look() { cd /var/qmail; find control users mailnames | LC_ALL=C sort | while read -r path; do
     echo "$path $(stat -c '%u:%g %a' $path)$([ -d $path ] || (echo; cat $path) | tr '\n' '|')"
@@ -121,13 +124,77 @@ TEST(run, rebuilds_the_whole_tree_and_the_same_again)
     EXPECT_EQ(read_file("/run/host/calls"), "qmail-newu\nqmail restart\nqmail-newu\nqmail restart\n");
 }
 
+// The rules and calls of the sample panel, shortened where they are exactly as they should be.
+constexpr const char *filtered = R"sh(cd /etc/drweb; stat -c '%u:%g %a' users.conf; head -1 users.conf
+tail -n +2 users.conf | sed 's/^allow\t\(from\|to\|any\)\tregex\t^\(.*\)\$$/\1 \2/' | LC_ALL=C sort | tr '\n' '|'
+echo; sed -e 's/--add-to-blacklist sender\([0-9]*\)@spam.example/s\1/g' \
+  -e 's/spamsetup --mailname/M/' /run/host/calls | tr -s xy
+grep -o '[xy]*@long' /run/host/calls | awk '{ print length }')sh";
+
+constexpr const char *sample_rules =
+    "any contact@north-gone.test|any contact@north-old.test|any contact@north-web.test|any contact@north.example|"
+    "any contact@north.test|any contact@nördlich.example|any info@north.example|any info@north.test|"
+    "any info@nördlich.example|any rathaus@muenchen.test|any rathaus@xn--mnchen-3ya.example|"
+    "any sales@north-gone.test|any sales@north-old.test|any sales@north-web.test|any sales@north.example|"
+    "any sales@north.test|any sales@nördlich.example|any stadt@muenchen-old.test|any stadt@muenchen.test|"
+    "any stadt@xn--mnchen-3ya.example|from info@closed.example|from info@closed.test|from lost@north.example|"
+    "from lost@north.test|from lost@nördlich.example|from office@closed.example|from office@closed.test|"
+    "to a.lind@north-gone.test|to a.lind@north-old.test|to a.lind@north-web.test|to a.lind@north.example|"
+    "to a.lind@north.test|to a.lind@nördlich.example|to anna.lind@north.example|to anna.lind@north.test|"
+    "to anna.lind@nördlich.example|to lesen@bücher.example|to o'hara@north.example|to o'hara@north.test|"
+    "to o'hara@nördlich.example|\n";
+
+const std::string sample_calls =
+    "spamsetup start --enable-server-configs --enable-user-configs --max-children 12 --sensitivity 7 "
+    "--modify-header \\[spam\\] --add-to-blacklist \\*@spam.example --add-to-whitelist \\*@hosting.example\n"
+    "M $'lesen@b\\303\\274cher.example' --enable-mailname --action delete --add-to-blacklist "
+    "$'*@m\\303\\274ll.example'\n"
+    "M anna.lind@north.example --disable-mailname --sensitivity --modify-header \\[\\ spam\\?\\ \\] --add-to-whitelist "
+    "mother@family.example --add-to-blacklist offers@shop.example --add-to-unblacklist news@shop.example "
+    "--add-to-unwhitelist cousin@family.example\n"
+    "M info@north.example --enable-mailname --action delete --sensitivity 5.5 --not-modify-header s1 s2 s3 s4 s5 s6 s7 "
+    "s8 s9 s10 s11 s12 s13 s14 s15 s16 s17 s18 s19 s20 s21 s22 s23 s24 s25 s26 s27 s28 s29 s30 s31 s32 s33 s34 s35 s36 "
+    "s37 s38 s39 s40 s41 s42 s43 s44 s45\n"
+    "M info@north.example s46 s47 s48 s49 s50 s51 s52 s53 s54 s55 s56 s57 s58 s59 s60\n"
+    "M lost@north.example --disable-mailname\n"
+    "M o\\'hara@north.example --enable-mailname --action delete --sensitivity 3\n"
+    "M team@north.example --enable-mailname --action save --add-to-blacklist x@long.example\n"
+    "M team@north.example --add-to-blacklist y@long.example --add-to-whitelist short@long.example\n";
+const std::string long_lengths = "9206\n9206\n5\n"; // of what stands before ".example"
+
+TEST(run, replays_the_filters_of_the_sample_panel)
+{
+    const test_host host;
+    const outcome loaded = in_shell("rm -f /etc/drweb/*; ask 'delete from Components'\n"
+                                    "mariadb --no-defaults --default-character-set=utf8mb4 vlq <$DEMO/panel.sql");
+    EXPECT_EQ(loaded.err, "");
+    const struct {
+        const char *command;
+        std::string head, calls;
+    } rounds[] = {
+        {"mboxfix --with-spam", "[version=2]", "virsetup -r\n" + sample_calls + "qmail-newu\nqmail restart\n"},
+        {"mboxfix -v without-spam; mboxfix --without-spam", "[version=2]", "virsetup -r\nqmail-newu\nqmail restart\n"},
+        {"echo mine >/etc/drweb/users.conf.in; mboxfix --without-spam", "mine",
+         "virsetup -r\nqmail-newu\nqmail restart\n"},
+        {"rm -r /var/qmail; mboxfix --spam-only", "mine", sample_calls},
+    };
+    for (const auto &[command, head, calls] : rounds) {
+        const outcome done = in_shell(std::string(": >/run/host/calls;") + command);
+        EXPECT_EQ(std::to_string(done.status) + done.err, "0");
+        EXPECT_EQ(in_shell(filtered).out, "0:0 644\n" + head + "\n" + sample_rules + calls +
+                                              (calls.find("@long") == calls.npos ? "" : long_lengths));
+    }
+    in_shell("rm -f /etc/drweb/*");
+}
+
 const std::string usage =
     "Usage: mboxfix [OPTION]\n  Restore settings for all mailboxes.\n\n"
     "  --without-spam [--daemon-mode]\n         restore all settings except for SpamAssassin configuration\n"
     "  --with-spam [--daemon-mode]\n         restore all settings\n"
     "  --spam-only [--daemon-mode]\n         restore only SpamAssassin settings\n";
 const std::string once = "qmail-newu\nqmail restart\n", absent = ": No such file or directory\n";
-const std::string refused = ": Operation not permitted\n", denied = "Unable to set UID or GID" + refused;
+const std::string bin = "/usr/local/vlq/admin/bin/", refused = ": Operation not permitted\n",
+                  denied = "Unable to set UID or GID" + refused;
 const std::string no_dir = ": Not a directory\n", no_table = " doesn't exist\n", both = "x.test\ny.test\n";
 
 const struct {
@@ -138,6 +205,17 @@ const struct {
     {"mboxfix -v --daemon-mode -v; rm /etc/vlq/vlq.conf; mboxfix -v daemon", 0, "stale\n", "", usage + usage},
     {"mboxfix --with-spam; mboxfix with-spam; mboxfix -v; mboxfix without-spam", 0, "", once + once + once + once, ""},
     {"mboxfix --spam-only; mboxfix spam-only", 0, "stale\n", "", ""},
+    {"filters 1; ask 'alter table mail rename column virusfilter to away'\n"
+     "run 2>&1 >/dev/null | sed -e 's/^mboxfix: //; s/ in .*//'; cat /etc/drweb/users.conf\n"
+     "ask 'alter table mail rename column away to virusfilter'",
+     0, "", once, "Unable to query drweb mailnames: Unknown column 'm.virusfilter'\n[version=2]\n"},
+    {"filters 1; mv $bin/virsetup $bin/gone; run 2>&1 >/dev/null | grep -v ^mbox; mv $bin/gone $bin/virsetup", 0, "",
+     once, "fork_execv: execv(\"" + bin + "virsetup\") failed" + absent},
+    {"filters 1; panel; ask \"insert spamfilter values (1, '*@*', 'true'), (2, 'm@x.test', 'true')\"\n"
+     "echo 3 >/run/host/exit/spamsetup; mboxfix --spam-only",
+     0, "stale\n", "spamsetup start --max-children 5\nspamsetup --mailname m@x.test --disable-mailname\n",
+     bin + "spamsetup execution failed:\n" + bin + "spamsetup execution failed:\n"},
+    {"ask 'delete from Components'; run", 1, "", "", "Package 'drweb' is not found in Components table\n"},
     {"setpriv --reuid=1 --regid=1 --clear-groups mboxfix x", 1, "stale\n", "", denied},
     {"setpriv --regid=1 --keep-groups --bounding-set=-setgid mboxfix x", 1, "stale\n", "", denied},
     {"sed -i /^CLIENT_PHP_BIN/d /etc/vlq/vlq.conf; run", 1, "stale\n", "", "Error: CLIENT_PHP_BIN not defined\n"},
