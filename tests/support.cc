@@ -27,8 +27,8 @@ static std::string product_root;
 
 test_folder::test_folder() : former_dir(fs::current_path())
 {
-    char name[] = "/tmp/mboxfix-test.XXXXXX";
-    path = mkdtemp(name);
+    path = access("/dev/shm", W_OK) == 0 ? "/dev/shm/mboxfix-test.XXXXXX" : "/tmp/mboxfix-test.XXXXXX";
+    EXPECT_NE(mkdtemp(path.data()), nullptr);
     fs::current_path(path);
     product_root = path + "/product";
     fs::create_directories(product_root + "/var/lock/files");

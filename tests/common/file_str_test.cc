@@ -3,6 +3,8 @@
 #include "common/conf.h"
 #include "support.h"
 
+#include <algorithm>
+#include <random>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -69,6 +71,63 @@ TEST(file_str, edits_to_the_byte)
         EXPECT_EQ(read_file("f") + owner_mode("f"), each.after + "7:8 6750");
         const bool in_place = each.after == each.before || (each.action == edit::add && each.mode == at_end);
         EXPECT_EQ(inode_of("f") == former && !exists("f.tmp"), in_place) << each.before;
+    }
+}
+
+// The same edit as the contract words it: the lines one by one, cut where they are too long.
+static std::string edited_plainly(const std::string &text, const std::vector<std::string> &strings, edit action,
+                                  int mode)
+{
+    const auto bare = [](std::string line) { return line.ends_with('\n') ? line.substr(0, line.size() - 1) : line; };
+    std::string added, kept;
+    for (const std::string &string : strings)
+        added += bare(string) + "\n";
+    if (action == edit::add)
+        return mode == at_start ? added + text : text + added;
+    for (std::size_t at = 0, size; at < text.size(); at += size) {
+        size = std::min({text.find('\n', at) - at, text.size() - at - 1, std::size_t{4093}}) + 1;
+        const std::string line = text.substr(at, size);
+        bool drops = false;
+        for (const std::string &string : strings)
+            drops |= action == edit::remove ? bare(line) == string.substr(0, string.find('\n'))
+                     : mode == prefix       ? bare(line).starts_with(bare(string))
+                     : mode == suffix       ? bare(line).ends_with(bare(string))
+                                            : line.find(string) != line.npos;
+        kept += drops ? "" : line;
+    }
+    return kept;
+}
+
+TEST(file_str, edits_any_file_like_a_plain_editor_line_by_line)
+{
+    const test_folder folder;
+    std::minstd_rand random(2026);
+    const auto below = [&](unsigned limit) { return static_cast<unsigned>(random()) % limit; };
+    const auto random_text = [&](unsigned size, unsigned newlines, char first) {
+        std::string text(size, 'a');
+        for (char &byte : text)
+            byte = below(newlines) == 0 ? '\n' : static_cast<char>(static_cast<unsigned>(first) + below(3));
+        return text;
+    };
+    std::string text;
+    for (int count = 0; count < 100000; ++count) {
+        if (count % 16 == 0) {
+            text = random_text(below(4) == 0 ? 4080 + below(30) : below(60), below(2) == 0 ? 9999 : 5, '\0');
+            std::replace(text.begin(), text.end(), '\1', 'a'), std::replace(text.begin(), text.end(), '\2', 'b');
+            write_file("f", text);
+        }
+        std::vector<std::string> strings(below(3));
+        for (std::string &string : strings)
+            string = random_text(below(4), 6, 'a');
+        const edit action = static_cast<edit>(below(3));
+        const int mode = static_cast<int>(below(action == edit::add ? 2 : 3));
+        text = edited_plainly(text, strings, action, mode);
+        std::vector<const char *> lines;
+        for (const std::string &string : strings)
+            lines.push_back(string.c_str());
+        lines.push_back(nullptr);
+        ASSERT_EQ(file_str("f", lines.data(), action, mode), 0) << count;
+        ASSERT_EQ(read_file("f"), text) << count;
     }
 }
 
