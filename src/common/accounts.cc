@@ -72,10 +72,10 @@ int rename_dir(const char *old_path, const char *new_path)
     return 0;
 }
 
-static bool resolve_dir(const char *path, char *resolved)
+static bool is_dir_itself(const char *path)
 {
     struct stat status;
-    return lstat(path, &status) == 0 && S_ISDIR(status.st_mode) && realpath(path, resolved);
+    return lstat(path, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 int is_inside_dir(const char *path, const char *dir)
@@ -83,8 +83,10 @@ int is_inside_dir(const char *path, const char *dir)
     static_assert(text_size >= PATH_MAX, "realpath() needs this much");
     char inner[text_size];
     char outer[text_size];
+    if (!is_dir_itself(path) || !is_dir_itself(dir))
+        return 0;
     const int former_errno = errno;
-    if (!resolve_dir(path, inner) || !resolve_dir(dir, outer))
+    if (!realpath(path, inner) || !realpath(dir, outer))
         return 0;
     errno = former_errno; // realpath() leaves one behind where it succeeds
     const std::size_t length = strlen(outer);

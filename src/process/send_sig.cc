@@ -63,6 +63,10 @@ bool fill_unused_name(char *path)
     const int former_errno = errno;
     unsigned char drawn[6];
     char *tail = path + strlen(path) - sizeof drawn;
+    if (strcmp(tail, "XXXXXX") != 0) { // the path was cut
+        errno = EINVAL;
+        return false;
+    }
     for (int tries = 0; tries < 100; ++tries) {
         if (getentropy(drawn, sizeof drawn) != 0)
             return false;

@@ -6,6 +6,7 @@
 // descriptors and on /dev/null, and waits for it (not for the daemons it starts). "graceful" becomes "restart" while
 // no httpd2-prefork runs. Returns 0 when the script ended with status 0, -1 otherwise, after a report (not fatal) that
 // names the service and what failed; a failing exit status is not reported when `report` is 0 or the action "status".
+// A script that a signal has stopped counts as failed and is left as it is.
 // A script that is missing, no regular file, not executable or empty ends the process with a report.
 int run_service_script(const char *script, const char *name, const char *action, int report);
 
@@ -17,5 +18,5 @@ int run_service_script(const char *script, const char *name, const char *action,
 // - Tomcat's failed "stop" is made good by signals, over at most 30 seconds, when no process of it is left;
 // - ColdFusion and JRun have their scripts where the panel's database says (unknown: "CF not configured in Velqa.\n");
 // - a ColdFusion or JRun action other than "status" and a Tomcat stop, when they succeed, bounce a running web server.
-// Ends the process as run_service_script does, and when ColdFusion's path cannot be asked for.
+// Ends the process as run_service_script does, and when the panel's database cannot be reached for ColdFusion's path.
 int service_control(const char *service, const char *action);
