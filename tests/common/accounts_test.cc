@@ -20,7 +20,10 @@ TEST(accounts, does_exactly_what_is_asked_or_tells_why_not)
         {[] { return rename_dir("d", "old"); }, -1, "Directory rename error: target directory old already exists.\n"},
         {[] { return is_inside_dir("d/to/../to", "./d/"); }, 1, ""},
         {[] { return is_inside_dir("d", "d") + is_inside_dir("d2", "d") + is_inside_dir("d", "/"); }, 0, ""},
-        {[] { return is_inside_dir("link", "d") + is_inside_dir("d/none", "d"); }, 0, ""},
+        {[] {
+             return is_inside_dir("link", "d") + is_inside_dir("d/e", "link") + errno + is_inside_dir("d/none", "d");
+         },
+         0, ""},
         {[] { return srand(1), random_salt(salt, 8), strcmp(salt, "qOnovBKm!"); }, 0, ""},
     };
     const test_folder folder;

@@ -46,9 +46,11 @@ TEST(send_sig, counts_and_signals_by_a_field)
     EXPECT_EQ(kill_by_field("args", mark.c_str(), 0), 2);
     EXPECT_EQ(kill_by_field("args", mark.c_str(), SIGHUP), 2);
     EXPECT_TRUE(end(pids[0]) == SIGHUP && end(pids[1]) == SIGHUP && end(pids[2]) == SIGKILL);
-    EXPECT_EQ(kill_by_field("comm=heading.of.mboxfix", "heading.of.mboxfix", 0), 0);
+    const outcome head = in_child([] { return kill_by_field("comm=heading.of.mboxfix", "heading.of.mboxfix", 0); });
+    EXPECT_EQ(std::to_string(head.status) + head.out, "0");
     const outcome failed = in_child([] { return kill_by_field("no such field", "a", 0) == -1 ? 1 : 2; });
     EXPECT_EQ(std::to_string(failed.status) + failed.out, "1" + report("send_signal_field(): /bin/ps failed"));
+    EXPECT_TRUE(failed.err.ends_with("\n\n" + failed.out)) << failed.err; // after what ps itself had to say
 }
 
 TEST(send_sig, removes_a_tree_but_nothing_that_it_links_to)

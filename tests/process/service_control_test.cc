@@ -49,7 +49,8 @@ struct control_case {
 static void try_control(const control_case &tried)
 {
     const std::string setup = std::string(scene) + tried.setup;
-    ASSERT_EQ(run_program({"bash", "-ec", setup}).err, "") << tried.setup;
+    const outcome made = run_program({"bash", "-ec", setup});
+    ASSERT_EQ(made.err + std::to_string(made.status), "0") << tried.setup;
     const outcome done = in_child([&] {
         HTTPD_SERVICE = "httpd";
         HTTPD_VHOSTS_D = "/var/www/vhosts";
@@ -72,6 +73,7 @@ TEST(service_control, waits_for_the_web_server_and_cleans_up_after_it)
          "httpd", "start", 10, "", "httpd start\n" + probe + probe + "httpd status\n"},
         {"sed -i s/touch.*up/:/ /etc/init.d/httpd", "httpd", "restart", 20, "",
          "httpd restart\n" + repeated(probe, 21)},
+        {"", "httpd", "force-reload", 20, "", "httpd force-reload\n" + repeated(probe, 21)},
         {"script /etc/init.d/httpd 'exit 1'", "httpd", "force-reload", 20,
          "Service /etc/init.d/httpd failed to force-reload\n", "httpd force-reload\n"},
         {"script /etc/init.d/httpd 'exit 1'", "httpd", "stop", 20, "Service /etc/init.d/httpd failed to stop\n",
@@ -112,12 +114,21 @@ TEST(service_control, stops_tomcat_by_force_and_bounces_only_a_running_web_serve
          "meanwhile 'until ps -A -o command | grep -q \"[s]tartup.Bootstrap\"; do :; done'; . /run/meanwhile",
          "tomcat5", "stop", 20, "", stop + repeated(wait, 6)},
         {"mount --bind /bin/false /usr/bin/ps", "tomcat5", "stop", 20, no_ps + no_ps, stop + wait},
-        {"touch /dev/hdv1 /run/up; script /etc/init.d/tomcat5; cd /var/www/vhosts; mkdir -p __deletedABCDEF/x kept",
-         "tomcat5", "stop", 10, "", stop + bounce},
+        // Only a marker that is an empty file makes a host virtual; what was put aside goes between stop and start.
+        {"echo >/dev/hdv1; mkdir /var/www/vhosts/__deletedA; touch /run/up; script /etc/init.d/tomcat5", "tomcat5",
+         "stop", 10, "", stop + bounce},
+        {"touch /dev/hdv1 /run/up; script /etc/init.d/tomcat5; cd /var/www/vhosts; mkdir -p __deletedABCDEF/x kept\n"
+         "sed -i '2a ls /var/www/vhosts >>/run/trace' /etc/init.d/httpd",
+         "tomcat5", "stop", 10, "",
+         stop + "httpd status\n__deletedABCDEF\nkept\nhttpd stop\n__deletedABCDEF\nkept\nipc_sweep.sh \n"
+                "httpd start\nkept\nhttpd status\nkept\n"},
     };
-    for (const control_case &tried : cases)
+    bool kept = true;
+    for (const control_case &tried : cases) {
         try_control(tried);
-    EXPECT_EQ(run_program({"ls", "/var/www/vhosts"}).out, "kept\n");
+        kept &= tried.setup[0] != 'e' || tried.setup[5] != '>' || exists("/var/www/vhosts/__deletedA");
+    }
+    EXPECT_TRUE(kept);
 }
 
 TEST(service_control, finds_each_service_by_its_own_name_and_script)
