@@ -1,6 +1,7 @@
 #include "common/accounts.h"
 
 #include "common/error.h"
+#include "common/safe_open.h"
 
 #include <cerrno>
 #include <climits>

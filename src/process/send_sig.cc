@@ -3,6 +3,7 @@
 #include "common/accounts.h"
 #include "common/conf.h"
 #include "common/error.h"
+#include "common/safe_open.h"
 #include "process/exec.h"
 
 #include <cerrno>
@@ -96,42 +97,44 @@ void purge_entry(const char *name)
         report_error(0, 1, "Can't remove directory %s (will try in next time)\n", name);
 }
 
-// Removes every entry of the directory that is the working directory.
+void remove_dir(int parent, const char *name, const char *path, int remove_self);
+
+// Removes every entry of a directory. Nothing is reached by a path: what somebody puts in the place of an entry
+// meanwhile is removed itself or refused, but never followed.
 void remove_entries(DIR *stream)
 {
+    const int dir = dirfd(stream);
     while (const struct dirent *entry = readdir(stream)) {
         const char *name = entry->d_name;
         struct stat status;
-        if (lstat(name, &status) != 0) {
+        if (fstatat(dir, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno == ENOENT)
                 continue;
             report_fatal(1, "Unable to check directory entry %s: %s\n", name, strerror(errno));
         }
         if (S_ISDIR(status.st_mode)) {
             if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0)
-                remove_tree(name, 1);
-        } else if (unlink(name) != 0 && errno != ENOENT) {
+                remove_dir(dir, name, name, 1);
+        } else if (unlinkat(dir, name, 0) != 0 && errno != ENOENT) {
             report_fatal(1, "Unable to unlink directory entry %s: %s\n", name, strerror(errno));
         }
     }
 }
 
-void remove_dir(const char *path, int remove_self)
+// `path` is what messages call it.
+void remove_dir(int parent, const char *name, const char *path, int remove_self)
 {
-    const int saved_dir = open(".", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (saved_dir < 0)
-        report_fatal(1, "Unable to get file descriptor of current dir: %s\n", strerror(errno));
-    DIR *stream = opendir(path);
+    const int dir = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    DIR *stream = dir < 0 ? nullptr : fdopendir(dir);
     if (!stream)
         report_fatal(1, "Unable to open dir %s: %s\n", path, strerror(errno));
-    if (chdir(path) != 0)
-        report_fatal(1, "Unable to change dir %s: %s\n", path, strerror(errno));
     remove_entries(stream);
-    if (fchdir(saved_dir) != 0 || close(saved_dir) != 0)
-        report_fatal(1, "Unable to restore & close current dir: %s\n", strerror(errno));
     if (closedir(stream) != 0)
         report_fatal(1, "Unable to close dir %s: %s\n", path, strerror(errno));
-    if (remove_self && rmdir(path) != 0 && errno != ENOENT)
+    if (!remove_self)
+        return;
+    const bool gone = strcmp(name, ".") == 0 ? rmdir(path) == 0 : unlinkat(parent, name, AT_REMOVEDIR) == 0;
+    if (!gone && errno != ENOENT)
         report_fatal(1, "Unable to remove dir %s: %s\n", path, strerror(errno));
 }
 
@@ -220,16 +223,16 @@ void purge_deferred_dirs()
 
 void remove_tree(const char *path, int remove_self)
 {
+    const char *name = nullptr;
+    const int parent = safe_open_parent(path, name);
     struct stat status;
-    if (lstat(path, &status) != 0) {
-        if (errno == ENOENT)
-            return;
-        report_fatal(1, "Unable to check directory entry %s: %s\n", path, strerror(errno));
-    }
-    if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
-        remove_dir(path, remove_self);
-        return;
-    }
-    if (unlink(path) != 0 && errno != ENOENT)
+    if (parent == -1 || fstatat(parent, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno != ENOENT)
+            report_fatal(1, "Unable to check directory entry %s: %s\n", path, strerror(errno));
+    } else if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+        remove_dir(parent, name, path, remove_self);
+    } else if (unlinkat(parent, name, 0) != 0 && errno != ENOENT) {
         report_fatal(1, "Unable to unlink entry %s: %s\n", path, strerror(errno));
+    }
+    close_dir(parent);
 }

@@ -3,6 +3,7 @@
 #include "common/accounts.h"
 #include "common/conf.h"
 #include "common/idn.h"
+#include "common/safe_open.h"
 
 #include <cctype>
 #include <cerrno>
@@ -65,9 +66,9 @@ void dot_qmail_path(text_buffer &path, const char *ascii_domain, const char *mai
 
 void own_dot_qmail_safe(const char *path, const popuser_ids &ids)
 {
-    if (chown(path, ids.uid, ids.gid) != 0)
+    if (safe_chown(path, ids.uid, ids.gid) != 0)
         report_fatal(1, "Unable to chown %s file: %s", path, strerror(errno));
-    if (chmod(path, 0600) != 0)
+    if (safe_chmod(path, 0600) != 0)
         report_fatal(1, "Unable to chmod %s file: %s", path, strerror(errno));
 }
 

@@ -5,6 +5,7 @@
 #include "common/error.h"
 #include "common/file_str.h"
 #include "common/idn.h"
+#include "common/safe_open.h"
 #include "process/send_sig.h"
 #include "qmail/domain.h"
 #include "qmail/layout.h"
@@ -57,9 +58,9 @@ void renew_dot_qmail(const popuser_ids &ids)
     constexpr const char *file = ".qmail";
     if (truncate_or_create_file(file) != 0)
         report_fatal(1, "Unable to create %s file\n", file);
-    if (chown(file, ids.uid, ids.gid) != 0)
+    if (safe_chown(file, ids.uid, ids.gid) != 0)
         report_fatal(1, "Unable to chown .qmail file: %s", strerror(errno));
-    if (chmod(file, 0600) != 0)
+    if (safe_chmod(file, 0600) != 0)
         report_fatal(1, "Unable to chmod .qmail file: %s", strerror(errno));
     if (file_str_line(file, "| true", edit::add, at_end) != 0)
         report_fatal(1, "Unable to add string to .qmail file\n");
@@ -68,23 +69,23 @@ void renew_dot_qmail(const popuser_ids &ids)
 void make_entries(const mail_name_ref &mail, const char *dir, const popuser_ids &ids)
 {
     for (const char *entry : mailbox_entries) {
-        if (mkdir(entry, 0700) != 0 && errno != EEXIST)
+        if (safe_mkdir(entry, 0700) != 0 && errno != EEXIST)
             undo_and_end(mail, alloc_printf("Unable to make %s/%s dir: %s", dir, entry, strerror(errno)));
-        if (chown(entry, ids.uid, ids.gid) != 0)
+        if (safe_chown(entry, ids.uid, ids.gid) != 0)
             undo_and_end(mail, alloc_printf("Unable to chown %s/%s dir: %s", dir, entry, strerror(errno)));
     }
 }
 
 void make_mailbox_dir(const mail_name_ref &mail, const char *dir, const popuser_ids &ids)
 {
-    if (mkdir(dir, 0700) != 0 && errno != EEXIST)
+    if (safe_mkdir(dir, 0700) != 0 && errno != EEXIST)
         undo_and_end(mail, alloc_printf("Unable to make %s dir: %s", dir, strerror(errno)));
-    if (chown(dir, ids.uid, ids.gid) != 0)
+    if (safe_chown(dir, ids.uid, ids.gid) != 0)
         undo_and_end(mail, alloc_printf("Unable to chown %s dir: %s", dir, strerror(errno)));
     text_buffer saved_dir;
     if (!getcwd(saved_dir, sizeof saved_dir))
         undo_and_end(mail, alloc_printf("Unable to getcwd: %s", strerror(errno)));
-    if (chdir(dir) != 0)
+    if (safe_chdir(dir) != 0)
         undo_and_end(mail, alloc_printf("Unable to chdir %s: %s", dir, strerror(errno)));
     renew_dot_qmail(ids);
     make_entries(mail, dir, ids);

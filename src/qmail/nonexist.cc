@@ -4,6 +4,7 @@
 #include "common/file_str.h"
 #include "common/get.h"
 #include "common/idn.h"
+#include "common/safe_open.h"
 #include "qmail/layout.h"
 
 #include <algorithm>
@@ -124,12 +125,12 @@ int add_bounce(const char *domain, const char *line)
     text_buffer path;
     mailbox_dir(path, ascii, ".qmail-default");
     free(ascii);
-    unlink(path);
+    safe_unlink(path);
     if (file_str_line(path, line, edit::add, at_end) != 0)
         report_fatal(1, "add_bounce: Unable to add record to %s file.", path);
-    if (chown(path, ids.uid, ids.gid) != 0)
+    if (safe_chown(path, ids.uid, ids.gid) != 0)
         report_fatal(1, "add_bounce: chown %s failed: %s", path, strerror(errno));
-    if (chmod(path, 0600) != 0)
+    if (safe_chmod(path, 0600) != 0)
         report_fatal(1, "add_bounce: chmod %s failed: %s\n", path, strerror(errno));
     return 0;
 }

@@ -4,12 +4,14 @@
 #include "common/conf.h"
 #include "common/error.h"
 #include "common/file_lock.h"
+#include "common/safe_open.h"
 #include "qmail/layout.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -45,7 +47,8 @@ void unlock_quota(file_lock *lock, const char *path)
 
 bool write_quota(const char *path, std::int64_t quota)
 {
-    FILE *file = fopen(path, "we");
+    const int fd = safe_open(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    FILE *file = fd < 0 ? nullptr : fdopen(fd, "w");
     if (!file) {
         report_error(0, 1, "Unable to open file %s: %s\n", path, strerror(errno));
         return false;
@@ -61,11 +64,11 @@ bool write_quota(const char *path, std::int64_t quota)
 bool own_quota(const char *path)
 {
     const popuser_ids ids = {get_user_id("popuser", 0), get_user_id("popuser", 1)};
-    if (chown(path, ids.uid, ids.gid) != 0) {
+    if (safe_chown(path, ids.uid, ids.gid) != 0) {
         report_error(0, 1, "Unable to chown quota file %s\n", path);
         return false;
     }
-    if (chmod(path, 0640) != 0) {
+    if (safe_chmod(path, 0640) != 0) {
         report_error(0, 1, "Unable to chmod for quota file %s\n", path);
         return false;
     }
@@ -104,7 +107,7 @@ int remove_mbox_quota(const char *domain, const char *mail_name)
     file_lock *lock = lock_quota(path, 1);
     if (!lock)
         return 0;
-    if (unlink(path) != 0) {
+    if (safe_unlink(path) != 0) {
         report_error(0, 1, "System Error: can not remove quota file %s\n", path);
         lock_file_release(lock);
         return 0;
