@@ -96,11 +96,28 @@ int copy_chunks(int in, int out, const char *src, const char *dst)
     }
 }
 
+// Opens the file that is copied over. One that has to be made gets 0644, whatever the umask.
+int open_emptied(const char *dst)
+{
+    constexpr int flags = O_WRONLY | O_CREAT | O_CLOEXEC;
+    const int former_errno = errno;
+    int out = open(dst, flags | O_EXCL, 0644);
+    if (out >= 0) {
+        fchmod(out, 0644);
+        return out;
+    }
+    if (errno == EEXIST)
+        out = open(dst, flags | O_TRUNC, 0644);
+    if (out >= 0)
+        errno = former_errno;
+    return out;
+}
+
 // Copies into `dst` from an open file, and closes `dst`.
 int copy_into(int in, const char *src, const char *dst)
 {
     const bool keeps_open = is_dash(dst);
-    const int out = keeps_open ? STDOUT_FILENO : open(dst, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int out = keeps_open ? STDOUT_FILENO : open_emptied(dst);
     if (out < 0)
         return report_open(dst);
     const int result = copy_chunks(in, out, src, dst);

@@ -15,7 +15,7 @@ void close_descriptors();
 pid_t fork_execv(int in_fd, int out_fd, int err_fd, const char *path, const char *const *argv);
 
 // Runs a program and keeps all that it writes: standard input is inherited, the texts are allocated and the caller's
-// to free, none for a stream on which nothing could be read, not even its end. Returns the exit code, 0 to 255, or -1
+// to free, none for a stream whose end or first byte never came. Returns the exit code, 0 to 255, or -1
 // when the program did not exit by itself. A daemon that keeps the streams open holds the call up for about one second
 // after the program's end. Fatal: "fork_execv_getouterr: pipe() failed", "... fcntl(O_NONBLOCK) failed", "Cannot
 // allocate memory".
