@@ -103,6 +103,10 @@ TEST(antivirus, goes_on_when_the_list_or_the_utility_fails)
     const test_host host;
     sql(panel);
     sql("delete from mail where id > 1; delete from mail_aliases; delete from domainaliases");
+    empty_list_dir();
+    write_file("/etc/drweb/users.conf.in", "mine\n", 0600);
+    in_child([] { return umask(077), DRWEB_ETC_D = "/etc/drweb", av_reset_list(); });
+    EXPECT_EQ(read_file(list) + owner_mode(list), "mine\n0:0 0644");
     run_program({"sh", "-c", "rm -rf /etc/drweb"});
     write_file("/run/host/exit/virsetup", "3\n");
     EXPECT_EQ(messages(rebuild().err),
