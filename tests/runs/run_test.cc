@@ -267,8 +267,9 @@ TEST(run, ends_as_its_host_and_its_panel_let_it)
         EXPECT_EQ(done.status, status) << command << done.err;
         EXPECT_EQ(messages(done.out), out) << command;
         // Nothing is told on one stream alone, but by the shell and by a failed assertion.
-        if (done.err.find("not found") == done.err.npos && status != 134)
+        if (done.err.find("not found") == done.err.npos && status != 134) {
             EXPECT_EQ(done.err, done.out.find("mboxfix: ") == done.out.npos ? "" : done.out) << command;
+        }
         EXPECT_EQ(read_file("/var/qmail/control/rcpthosts"), rcpthosts) << command;
         EXPECT_EQ(read_file("/run/host/calls"), calls) << command;
     }
