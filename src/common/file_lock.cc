@@ -60,6 +60,11 @@ int lock_file_release(file_lock *lock)
     if (!lock)
         return -1;
     int result = 0;
+    if (lock->fd > 0) { // a close that fails may leave the descriptor, and would leave the lock with it
+        const int former_errno = errno;
+        flock(lock->fd, LOCK_UN);
+        errno = former_errno;
+    }
     if (lock->fd > 0 && close(lock->fd) != 0) {
         report_error(0, 1, "An error occured during closing '%s' file: %s\n", lock->path, strerror(errno));
         result = -1;
