@@ -1,0 +1,18 @@
+// Any bytes as the configuration file: every key is looked up, none gets what spans lines.
+#include "common/conf.cc"
+
+#include <cstdint>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    free(cache);
+    cache = static_cast<char *>(malloc(size + 2));
+    memcpy(cache, data, size);
+    cache[size] = cache[size + 1] = '\0';
+    cache_size = size;
+    cut_lines(cache, size);
+    for (const char *key : {"HTTPD_SERVICE", "K", ""})
+        if (const char *value = conf_get(key); value && (*value == '\0' || strchr(value, '\n')))
+            abort();
+    return 0;
+}
