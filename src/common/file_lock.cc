@@ -60,13 +60,11 @@ int lock_file_release(file_lock *lock)
     if (!lock)
         return -1;
     int result = 0;
-    if (lock->fd > 0) { // a close that fails may leave the descriptor, and would leave the lock with it
-        const int former_errno = errno;
-        flock(lock->fd, LOCK_UN);
-        errno = former_errno;
-    }
     if (lock->fd > 0 && close(lock->fd) != 0) {
+        const int cause = errno;
         report_error(0, 1, "An error occured during closing '%s' file: %s\n", lock->path, strerror(errno));
+        flock(lock->fd, LOCK_UN); // a failed close may leave the descriptor; it shall not leave the lock
+        errno = cause;
         result = -1;
     }
     free(lock->path);

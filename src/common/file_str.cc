@@ -30,6 +30,7 @@ struct target {
     const char *name;
     bool existed;
     bool sole;          // a regular file under this one name, reached through no link
+    int kept;           // the file, still open where the edit has left it as it was, or -1
     struct stat status; // of the file before the edit, when it existed
 };
 
@@ -111,7 +112,8 @@ bool read_all(int fd, content &text, std::size_t expected)
     }
 }
 
-bool write_all(int fd, std::string_view text)
+// Leaves in `text` what could not be written.
+bool write_all(int fd, std::string_view &text)
 {
     while (!text.empty()) {
         const ssize_t put = write(fd, text.data(), text.size());
@@ -121,6 +123,11 @@ bool write_all(int fd, std::string_view text)
             text.remove_prefix(static_cast<std::size_t>(put));
     }
     return true;
+}
+
+bool write_whole(int fd, std::string_view text)
+{
+    return write_all(fd, text);
 }
 
 // The messages about the copy go straight to standard error, without the program's name.
@@ -331,7 +338,7 @@ finding search(int fd, const std::vector<std::string> &needles)
     }
 }
 
-int remove_lines(const target &file, const char *const *lines, edit action, int mode)
+int remove_lines(target &file, const char *const *lines, edit action, int mode)
 {
     if (action == edit::remove && !file.existed)
         return 1;
@@ -348,12 +355,12 @@ int remove_lines(const target &file, const char *const *lines, edit action, int 
     if (!nothing_found && !load(file, input, true, made, text))
         return 1;
     if (nothing_found || (!drop_lines(text, lines, action, mode) && file.sole)) {
-        close(input);
         drop_copy(made);
+        file.kept = input;
         return 0;
     }
     int failed = 0;
-    if (!write_all(made.fd, view(text))) {
+    if (!write_whole(made.fd, view(text))) {
         failed = errno;
         if (action == edit::remove) {
             unlinkat(made.dir, made.name, 0);
@@ -384,14 +391,17 @@ std::string joined(const char *const *lines)
     return text;
 }
 
-// Copies as much as the kernel copies by itself. What it leaves or refuses is copied by hand after it, and there an
-// error gets its message.
-void copy_within_kernel(int input, int output)
+// Has the kernel copy what is left of a file; false where it does not, or not to the end. The rest is then copied by
+// hand, and there an error gets its message.
+bool copy_within_kernel(int input, int output)
 {
     const int former_errno = errno;
-    while (copy_file_range(input, nullptr, output, nullptr, SSIZE_MAX, 0) > 0)
-        continue;
+    bool begun = false;
+    ssize_t copied;
+    while ((copied = copy_file_range(input, nullptr, output, nullptr, SSIZE_MAX, 0)) > 0)
+        begun = true;
     errno = former_errno;
+    return begun && copied == 0;
 }
 
 int add_at_start(const target &file, const char *const *lines)
@@ -399,7 +409,7 @@ int add_at_start(const target &file, const char *const *lines)
     copy made;
     if (begin_copy(file, made) != 0)
         return 1;
-    const int failed = write_all(made.fd, joined(lines)) ? 0 : errno;
+    const int failed = write_whole(made.fd, joined(lines)) ? 0 : errno;
     const int input = open_file(file, O_RDONLY);
     if (input < 0) {
         report_open(file.path);
@@ -407,11 +417,9 @@ int add_at_start(const target &file, const char *const *lines)
         return 1;
     }
     content text{};
-    if (failed == 0)
-        copy_within_kernel(input, made.fd);
-    if (!load(file, input, false, made, text))
+    if ((failed != 0 || !copy_within_kernel(input, made.fd)) && !load(file, input, false, made, text))
         return 1;
-    if (failed == 0 && !write_all(made.fd, view(text))) {
+    if (failed == 0 && !write_whole(made.fd, view(text))) {
         report_error(0, 0, "Unable to fputs to file %s: %s\n", file.path, strerror(errno));
         close(input);
         drop_copy(made);
@@ -431,18 +439,21 @@ int add_at_end(const target &file, const char *const *lines)
     const int fd = open_file(file, O_WRONLY | O_CREAT | O_APPEND, 0666);
     if (fd < 0)
         return report_open(file.path);
-    const off_t former = lseek(fd, 0, SEEK_END);
+    const std::string text = joined(lines);
+    std::string_view rest = text;
     int failed = 0;
-    if (!write_all(fd, joined(lines))) {
+    if (!write_all(fd, rest)) {
         failed = errno;
-        [[maybe_unused]] const int unsaid = former < 0 ? -1 : ftruncate(fd, former);
+        const off_t put = static_cast<off_t>(text.size() - rest.size());
+        const off_t end = lseek(fd, 0, SEEK_END);
+        [[maybe_unused]] const int unsaid = end < put ? -1 : ftruncate(fd, end - put);
     }
     if (close(fd) != 0 && failed == 0)
         failed = errno;
     return failed == 0 ? 0 : report_close(file.path, failed);
 }
 
-int perform(const target &file, const char *const *lines, edit action, int mode)
+int perform(target &file, const char *const *lines, edit action, int mode)
 {
     switch (action) {
     case edit::add:
@@ -474,7 +485,7 @@ int examine(target &file)
 // The path again, as it is after the edit.
 int give_owner_and_bits(const target &file)
 {
-    const int fd = open_file(file, O_RDONLY);
+    const int fd = file.kept >= 0 ? file.kept : open_file(file, O_RDONLY);
     if (fd < 0 || fchown(fd, file.status.st_uid, file.status.st_gid) != 0) {
         report_error(0, 0, "file_str: ERROR: Unable to chown file %s: %s", file.path, strerror(errno));
         if (fd >= 0)
@@ -523,7 +534,7 @@ int file_str(const char *path, const char *const *lines, edit action, int mode)
         lock_file_release(lock);
         return 1;
     }
-    target file{path, -1, nullptr, true, false, {}};
+    target file{path, -1, nullptr, true, false, -1, {}};
     file.dir = safe_open_parent(path, file.name);
     const int result = edit_locked(file, lines, action, mode);
     close_dir(file.dir);
