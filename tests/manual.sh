@@ -1,0 +1,36 @@
+#!/bin/bash
+# Holds the manual page against the program: its options, files and exit statuses, and the page's own form.
+#
+#   manual.sh PROGRAM
+set -euo pipefail
+cd "$(dirname "$0")/.."
+readonly program=$1 page=doc/mboxfix.8
+status=0
+
+fail() {
+  echo "$page: $1" >&2
+  status=1
+}
+
+# The options that a list of words or a page has, one a line.
+long_options() {
+  grep -o -e '--[a-z][a-z-]*' | sort -u
+}
+
+mandoc -T lint -W warning "$page" doc/mboxfix-preview.8 >&2 || fail 'mandoc warns'
+warnings=$(LC_ALL=C.UTF-8 MANROFFSEQ='' man --warnings -E UTF-8 -l -Tutf8 "$page" 2>&1 >/dev/null)
+[[ -z $warnings ]] || fail "man warns: $warnings"
+
+plain=$(mandoc -T ascii "$page" | col -b)
+diff <("$program" | long_options) <(sed '/^FILES/,$d' <<<"$plain" | long_options) >&2 || fail 'its options differ'
+[[ $plain == *' -v '* ]] || fail '-v is not told'
+
+# Every file below the product's directories that the sources name, by the string that they name it with.
+for file in $(grep -ohE '"/(control|users|users\.conf)[a-z./-]*"|@mbox\.quota|\.qmail-default|/etc/vlq/[a-z.]*' src/*/*.cc |
+  tr -d '"' | sort -u); do
+  grep -qF -e "$file" "$page" || fail "$file is not told"
+done
+for code in 0 1 127 255; do
+  grep -qx "\.It $code" "$page" || fail "exit status $code is not told"
+done
+exit "$status"
