@@ -2,9 +2,9 @@
 
 #include "common/error.h"
 #include "common/file_lock.h"
+#include "common/line_match.h"
 #include "common/safe_open.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -17,12 +17,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 namespace {
-
-// What a removal takes for one line at most; every editor that shares these files cuts longer lines at this length.
-constexpr std::size_t piece_size = 4094;
 
 struct target {
     const char *path;
@@ -112,22 +108,17 @@ bool read_all(int fd, content &text, std::size_t expected)
     }
 }
 
-// Leaves in `text` what could not be written.
-bool write_all(int fd, std::string_view &text)
+// Returns how much could not be written, with the error in errno, or 0.
+std::size_t write_all(int fd, std::string_view text)
 {
     while (!text.empty()) {
         const ssize_t put = write(fd, text.data(), text.size());
         if (put < 0 && errno != EINTR)
-            return false;
+            break;
         if (put > 0)
             text.remove_prefix(static_cast<std::size_t>(put));
     }
-    return true;
-}
-
-bool write_whole(int fd, std::string_view text)
-{
-    return write_all(fd, text);
+    return text.size();
 }
 
 // The messages about the copy go straight to standard error, without the program's name.
@@ -210,131 +201,19 @@ int close_both(const target &file, int input, const copy &made, int failed)
     return report_close(file.path, failed);
 }
 
-std::string_view text_of(std::string_view piece)
-{
-    if (piece.ends_with('\n'))
-        piece.remove_suffix(1);
-    return piece;
-}
-
-// What of a string takes part in the comparison.
-std::string_view pattern_of(const char *string, edit action, int mode)
-{
-    const std::string_view pattern = string;
-    if (action == edit::remove)
-        return pattern.substr(0, pattern.find('\n'));
-    return mode == substring ? pattern : text_of(pattern);
-}
-
-bool matches(std::string_view piece, std::string_view pattern, edit action, int mode)
+comparison comparison_of(edit action, int mode)
 {
     if (action == edit::remove)
-        return text_of(piece) == pattern;
+        return comparison::equal;
     switch (mode) {
     case prefix:
-        return text_of(piece).starts_with(pattern);
+        return comparison::prefix;
     case suffix:
-        return text_of(piece).ends_with(pattern);
+        return comparison::suffix;
     case substring:
-        return piece.find(pattern) != piece.npos;
+        return comparison::substring;
     default:
-        return false;
-    }
-}
-
-// Takes the dropped lines out of the text; false when there was none.
-bool drop_lines(content &text, const char *const *lines, edit action, int mode)
-{
-    std::vector<std::string_view> patterns;
-    for (; *lines; ++lines)
-        patterns.push_back(pattern_of(*lines, action, mode));
-    std::size_t kept = 0;
-    for (std::size_t at = 0, size; at < text.size; at += size) {
-        const std::string_view window = view(text).substr(at, piece_size);
-        size = std::min(window.find('\n'), window.size() - 1) + 1;
-        const std::string_view piece = window.substr(0, size);
-        if (std::any_of(patterns.begin(), patterns.end(),
-                        [&](std::string_view pattern) { return matches(piece, pattern, action, mode); }))
-            continue;
-        if (kept != at)
-            memmove(text.bytes.get() + kept, piece.data(), size);
-        kept += size;
-    }
-    const bool dropped = kept != text.size;
-    text.size = kept;
-    return dropped;
-}
-
-// What has to stand somewhere in the file for a string to match a line that is no longer than a piece, given a newline
-// before the first line and after the last.
-std::vector<std::string> needles_of(const char *const *lines, edit action, int mode)
-{
-    std::vector<std::string> needles;
-    for (; *lines; ++lines) {
-        std::string needle(pattern_of(*lines, action, mode));
-        if (action == edit::remove || mode == prefix)
-            needle.insert(0, 1, '\n');
-        if (action == edit::remove || mode == suffix)
-            needle += '\n';
-        needles.push_back(needle);
-    }
-    return needles;
-}
-
-// Follows the lines of a text through its blocks: `behind` is how much of a line lies behind this one. False once a
-// line is longer than a piece.
-bool has_whole_lines(std::string_view block, std::size_t &behind)
-{
-    while (!block.empty()) {
-        const std::string_view window = block.substr(0, piece_size - behind);
-        const std::size_t newline = window.rfind('\n');
-        if (newline == window.npos) {
-            behind += window.size();
-            return behind < piece_size;
-        }
-        behind = 0;
-        block.remove_prefix(newline + 1);
-    }
-    return true;
-}
-
-bool holds_any(std::string_view block, const std::vector<std::string> &needles)
-{
-    return std::any_of(needles.begin(), needles.end(), [&](const std::string &needle) {
-        return memmem(block.data(), block.size(), needle.data(), needle.size()) != nullptr;
-    });
-}
-
-enum class finding { none, possible, failed };
-
-// Looks through the file, from its start, for anything that a removal could drop. Most removals of a run find nothing,
-// and this search of whole blocks, which stay in the processor's cache, is many times faster than one line by line.
-finding search(int fd, const std::vector<std::string> &needles)
-{
-    char block[65536];
-    std::size_t overlap = 0; // what the next block repeats, so that no needle is cut
-    for (const std::string &needle : needles)
-        overlap = std::max(overlap, needle.size());
-    if (overlap > sizeof block / 2)
-        return finding::possible;
-    block[0] = '\n';
-    std::size_t held = 1;
-    std::size_t behind = 0;
-    for (;;) {
-        const ssize_t got = read(fd, block + held, sizeof block - held);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0)
-            return finding::failed;
-        if (got == 0)
-            block[held++] = '\n'; // there is room: a full block is never kept
-        const std::size_t end = held + static_cast<std::size_t>(got);
-        if (!has_whole_lines({block + held, static_cast<std::size_t>(got)}, behind) || holds_any({block, end}, needles))
-            return finding::possible;
-        if (got == 0)
-            return finding::none;
-        held = std::min(end, overlap);
-        memmove(block, block + end - held, held);
+        return comparison::never;
     }
 }
 
@@ -350,17 +229,23 @@ int remove_lines(target &file, const char *const *lines, edit action, int mode)
         close(input);
         return 1;
     }
+    const comparison how = comparison_of(action, mode);
     content text{};
-    const bool nothing_found = file.sole && search(input, needles_of(lines, action, mode)) == finding::none;
-    if (!nothing_found && !load(file, input, true, made, text))
-        return 1;
-    if (nothing_found || (!drop_lines(text, lines, action, mode) && file.sole)) {
+    bool changes = !file.sole || search_lines(input, lines, how) != finding::none;
+    if (changes) {
+        if (!load(file, input, true, made, text))
+            return 1;
+        const std::size_t kept = drop_lines(text.bytes.get(), text.size, lines, how);
+        changes = !file.sole || kept != text.size;
+        text.size = kept;
+    }
+    if (!changes) {
         drop_copy(made);
         file.kept = input;
         return 0;
     }
     int failed = 0;
-    if (!write_whole(made.fd, view(text))) {
+    if (write_all(made.fd, view(text)) != 0) {
         failed = errno;
         if (action == edit::remove) {
             unlinkat(made.dir, made.name, 0);
@@ -409,7 +294,7 @@ int add_at_start(const target &file, const char *const *lines)
     copy made;
     if (begin_copy(file, made) != 0)
         return 1;
-    const int failed = write_whole(made.fd, joined(lines)) ? 0 : errno;
+    const int failed = write_all(made.fd, joined(lines)) == 0 ? 0 : errno;
     const int input = open_file(file, O_RDONLY);
     if (input < 0) {
         report_open(file.path);
@@ -419,7 +304,7 @@ int add_at_start(const target &file, const char *const *lines)
     content text{};
     if ((failed != 0 || !copy_within_kernel(input, made.fd)) && !load(file, input, false, made, text))
         return 1;
-    if (failed == 0 && !write_whole(made.fd, view(text))) {
+    if (failed == 0 && write_all(made.fd, view(text)) != 0) {
         report_error(0, 0, "Unable to fputs to file %s: %s\n", file.path, strerror(errno));
         close(input);
         drop_copy(made);
@@ -440,11 +325,10 @@ int add_at_end(const target &file, const char *const *lines)
     if (fd < 0)
         return report_open(file.path);
     const std::string text = joined(lines);
-    std::string_view rest = text;
     int failed = 0;
-    if (!write_all(fd, rest)) {
+    if (const std::size_t unwritten = write_all(fd, text); unwritten != 0) {
         failed = errno;
-        const off_t put = static_cast<off_t>(text.size() - rest.size());
+        const off_t put = static_cast<off_t>(text.size() - unwritten);
         const off_t end = lseek(fd, 0, SEEK_END);
         [[maybe_unused]] const int unsaid = end < put ? -1 : ftruncate(fd, end - put);
     }
