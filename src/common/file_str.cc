@@ -20,6 +20,10 @@
 
 namespace {
 
+// Up to this size a copy that cannot be written is reported as one that cannot be closed: that is where a buffered
+// stream comes upon the error.
+constexpr std::size_t stream_buffer = 4096;
+
 struct target {
     const char *path;
     int dir; // the directory that holds it, open, or -1 when there is none
@@ -138,8 +142,9 @@ int begin_copy(const target &file, copy &made)
         errno = ENAMETOOLONG;
         return tell("Unable to open file", made);
     }
+    const char *slash = strrchr(made.path, '/');
     made.dir = file.dir;
-    made.name = made.path + (file.name - file.path);
+    made.name = slash ? slash + 1 : made.path;
     if (file.dir == -1) {
         errno = ENOENT;
         return tell("Unable to open file", made);
@@ -155,10 +160,20 @@ int begin_copy(const target &file, copy &made)
     return 0;
 }
 
+// What follows a failed step must not put its own error in the place of that step's.
+void remove_copy(const copy &made)
+{
+    const int former_errno = errno;
+    unlinkat(made.dir, made.name, 0);
+    errno = former_errno;
+}
+
 void drop_copy(const copy &made)
 {
+    const int former_errno = errno;
     close(made.fd);
-    unlinkat(made.dir, made.name, 0);
+    errno = former_errno;
+    remove_copy(made);
 }
 
 // Reads the file whose copy is begun, from its start or from where its reading stands; after a failure, which is
@@ -197,7 +212,7 @@ int close_both(const target &file, int input, const copy &made, int failed)
         failed = errno;
     if (failed == 0)
         return 0;
-    unlinkat(made.dir, made.name, 0);
+    remove_copy(made);
     return report_close(file.path, failed);
 }
 
@@ -247,8 +262,8 @@ int remove_lines(target &file, const char *const *lines, edit action, int mode)
     int failed = 0;
     if (write_all(made.fd, view(text)) != 0) {
         failed = errno;
-        if (action == edit::remove) {
-            unlinkat(made.dir, made.name, 0);
+        if (action == edit::remove && text.size > stream_buffer) {
+            remove_copy(made);
             report_fatal(1, "cannot write a line to %s.tmp", file.path);
         }
     }
@@ -260,7 +275,7 @@ int remove_lines(target &file, const char *const *lines, edit action, int mode)
         report_error(0, 0, "Error while rename file %s: %s\n", file.path, strerror(errno));
     else
         tell("Error while rename file", made);
-    unlinkat(made.dir, made.name, 0);
+    remove_copy(made);
     return 1;
 }
 
@@ -294,17 +309,23 @@ int add_at_start(const target &file, const char *const *lines)
     copy made;
     if (begin_copy(file, made) != 0)
         return 1;
-    const int failed = write_all(made.fd, joined(lines)) == 0 ? 0 : errno;
+    const std::string added = joined(lines);
+    int failed = write_all(made.fd, added) == 0 ? 0 : errno;
     const int input = open_file(file, O_RDONLY);
     if (input < 0) {
         report_open(file.path);
         close(made.fd);
         return 1;
     }
-    content text{};
-    if ((failed != 0 || !copy_within_kernel(input, made.fd)) && !load(file, input, false, made, text))
-        return 1;
-    if (failed == 0 && write_all(made.fd, view(text)) != 0) {
+    if (failed != 0 || !copy_within_kernel(input, made.fd)) {
+        content text{};
+        if (!load(file, input, false, made, text))
+            return 1;
+        if (failed == 0 && write_all(made.fd, view(text)) != 0)
+            failed = errno;
+    }
+    if (failed != 0 && added.size() + static_cast<std::size_t>(file.status.st_size) > stream_buffer) {
+        errno = failed;
         report_error(0, 0, "Unable to fputs to file %s: %s\n", file.path, strerror(errno));
         close(input);
         drop_copy(made);
@@ -315,7 +336,7 @@ int add_at_start(const target &file, const char *const *lines)
     if (renameat(made.dir, made.name, file.dir, file.name) == 0)
         return 0;
     tell("Unable to rename file", made);
-    unlinkat(made.dir, made.name, 0);
+    remove_copy(made);
     return 1;
 }
 

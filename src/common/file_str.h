@@ -22,8 +22,9 @@ enum match { prefix = 0, suffix = 1, substring = 2 };
 //   lines), at_end makes it (0666 less the umask) and glues its first line to a last line that has no newline.
 // - A removal that drops nothing leaves the file as it is, but for its owner and bits, which are set anew. A symbolic
 //   link or one of several hard links is always replaced by a file of its own, which holds what the link led to.
-// - A write that fails during `remove` ends the process: "cannot write a line to %s.tmp". An append that fails is cut
-//   back. A failing PATH.tmp, or its rename after at_start or remove_matching, is told on standard error alone.
+// - A write that fails during `remove` ends the process: "cannot write a line to %s.tmp"; not so for a copy of 4096
+//   bytes at most, which counts as one that cannot be closed. An append that fails is cut back. A failing PATH.tmp, or
+//   its rename after at_start or remove_matching, is told on standard error alone.
 int file_str(const char *path, const char *const *lines, edit action, int mode);
 
 // file_str with the one string `line`.

@@ -141,6 +141,7 @@ template <rlim_t size> static void limit_files()
 TEST(file_str, leaves_the_former_lines_and_nothing_else_when_a_step_fails)
 {
     const std::string line(300, 'd'), kept = std::string(600, 'k') + "\n", full = line + "\n" + kept;
+    const std::string many = replaced(std::string(9, '\n'), "\n", kept);
     constexpr auto no_lock = [] { PRODUCT_ROOT_D = "no"; };
     constexpr auto below_file = [] { rename("f", "file"), fs::create_symlink("file/f", "f"); };
     constexpr auto gone = [] { unlink("f"); };
@@ -169,16 +170,20 @@ TEST(file_str, leaves_the_former_lines_and_nothing_else_when_a_step_fails)
         {mounted, edit::remove, 0, false, "Error while rename file f: Device or resource busy\n", full},
         {mounted, edit::remove_matching, 0, true, "Error while rename file f.tmp: Device or resource busy\n", full},
         {mounted, edit::add, at_start, true, "Unable to rename file f.tmp: Device or resource busy\n", full},
-        {limit_files<400>, edit::remove, 0, false, "cannot write a line to f.tmp\n", full},
+        {limit_files<400>, edit::remove, 0, false, "Unable to close file f: File too large\n", full},
         {limit_files<400>, edit::remove_matching, 0, false, "Unable to close file f: File too large\n", full},
         {limit_files<200>, edit::add, at_start, false, "Unable to close file f: File too large\n", full},
-        {limit_files<400>, edit::add, at_start, false, "Unable to fputs to file f: File too large\n", full},
+        {limit_files<400>, edit::add, at_start, false, "Unable to close file f: File too large\n", full},
+        // Larger than the buffer of a stream, which then comes upon the error before the close.
+        {limit_files<400>, edit::remove, 0, false, "cannot write a line to f.tmp\n", full + many},
+        {limit_files<200>, edit::add, at_start, false, "Unable to fputs to file f: File too large\n", full + many},
+        {limit_files<400>, edit::add, at_start, false, "Unable to fputs to file f: File too large\n", full + many},
         {limit_files<1000>, edit::add, at_end, false, "Unable to close file f: File too large\n", full},
         {no_right, edit::remove, 0, false, "file_str: ERROR: Unable to chown file f: Operation not permitted\n", kept},
     };
     for (const auto &each : cases) {
         const test_folder folder;
-        write_file("f", full);
+        write_file("f", each.after.ends_with(many) ? full + many : full);
         const outcome done = edit_f(each.prepare, {line.c_str()}, each.action, each.mode);
         EXPECT_EQ(messages(done.err) + std::to_string(done.status), each.told + "1");
         EXPECT_EQ(done.out, each.direct ? "" : done.err);
