@@ -141,7 +141,7 @@ int open_dir(const std::string &path)
 {
     open_how how = {O_PATH | O_DIRECTORY | O_CLOEXEC, 0, RESOLVE_NO_SYMLINKS};
     const long fd = syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how);
-    if (fd >= 0 || (errno != ELOOP && errno != ENOSYS))
+    if (fd >= 0 || (errno != ELOOP && errno != ENOSYS && errno != EPERM)) // EPERM: a filter that does not know the call
         return static_cast<int>(fd);
     place at = {openat(AT_FDCWD, ".", O_PATH | O_CLOEXEC), "", 0};
     const int dir = at.dir >= 0 && descend(at, path) ? open_place(at, O_PATH | O_DIRECTORY | O_CLOEXEC, 0) : -1;
@@ -202,6 +202,10 @@ int safe_open_at(int dir_fd, const char *name, int flags, mode_t mode)
 
 int safe_open_parent(const char *path, const char *&name)
 {
+    if (*path == '\0') {
+        errno = ENOENT;
+        return -1;
+    }
     const char *slash = strrchr(path, '/');
     name = slash ? slash + 1 : path;
     if (*name == '\0')
@@ -236,7 +240,10 @@ int safe_open(const char *path, int flags, mode_t mode)
 
 int safe_mkdir(const char *path, mode_t mode)
 {
-    return change_entry(path, [mode](int dir, const char *name) { return mkdirat(dir, name, mode); });
+    std::string entry = path; // which may end in slashes, as no other new entry may
+    while (entry.size() > 1 && entry.ends_with('/'))
+        entry.pop_back();
+    return change_entry(entry.c_str(), [mode](int dir, const char *name) { return mkdirat(dir, name, mode); });
 }
 
 int safe_chown(const char *path, uid_t uid, gid_t gid)

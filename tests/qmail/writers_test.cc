@@ -89,6 +89,7 @@ const struct {
      "Unable to chmod for quota file ~/info/@mbox.quota\n"},
     {"dir $box/@mbox.quota", [] { return 10 + remove_mbox_quota(domain, "info"); }, 10, "rv+=p.i@1",
      "System Error: can not remove quota file ~/info/@mbox.quota\n"},
+    {"", [] { return add_mailbox("slash/", domain); }, 0, all, ""},
     {"", [] { return add_mailbox(".info", domain); }, 1, all, "invalid mailname or domain name.\n"},
     {"", [] { return add_mail_alias("info", domain, "\xc3\xa9"); }, 1, all,
      "empty mailname, maildomainor or mailalias\n"},
