@@ -48,17 +48,18 @@ void unlock_quota(file_lock *lock, const char *path)
 bool write_quota(const char *path, std::int64_t quota)
 {
     const int fd = safe_open(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    FILE *file = fd < 0 ? nullptr : fdopen(fd, "w");
-    if (!file) {
+    if (fd < 0) {
         report_error(0, 1, "Unable to open file %s: %s\n", path, strerror(errno));
         return false;
     }
-    fprintf(file, "%ld\n", static_cast<long>(quota)); // a failure comes out at the close
-    if (fclose(file) != 0) {
-        report_error(0, 1, "%s", strerror(errno));
-        return false;
-    }
-    return true;
+    const bool written = dprintf(fd, "%ld\n", static_cast<long>(quota)) > 0; // a failure comes out at the close
+    const int cause = errno;
+    if (close(fd) == 0 && written)
+        return true;
+    if (!written)
+        errno = cause;
+    report_error(0, 1, "%s", strerror(errno));
+    return false;
 }
 
 bool own_quota(const char *path)
