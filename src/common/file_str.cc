@@ -1,17 +1,15 @@
 #include "common/file_str.h"
 
 #include "common/error.h"
+#include "common/file_bytes.h"
 #include "common/file_lock.h"
 #include "common/line_match.h"
 #include "common/safe_open.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
-#include <memory>
-#include <new>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -29,9 +27,12 @@ struct target {
     int dir; // the directory that holds it, open, or -1 when there is none
     const char *name;
     bool existed;
+    int input;          // the file as it was found, open for reading, or -1
+    int refused;        // why it is not open, although it existed, or 0
+    struct stat status; // of the open file: its directory's owner may by now have put another one in its place
     bool sole;          // a regular file under this one name, reached through no link
-    int kept;           // the file, still open where the edit has left it as it was, or -1
-    struct stat status; // of the file before the edit, when it existed
+    int chown_error;    // why the edited file could not be given the owner of the former one, or 0
+    int chmod_error;    // the same of its bits
 };
 
 // The new content on its way: PATH.tmp, open for writing.
@@ -42,18 +43,16 @@ struct copy {
     int fd;
 };
 
-int open_file(const target &file, int flags, mode_t mode = 0)
-{
-    if (file.dir != -1)
-        return safe_open_at(file.dir, file.name, flags, mode);
-    errno = ENOENT;
-    return -1;
-}
-
 int report_open(const char *path)
 {
     report_error(0, 0, "Unable to open file %s: %s\n", path, strerror(errno));
     return 1;
+}
+
+int report_no_input(const target &file)
+{
+    errno = file.refused != 0 ? file.refused : ENOENT;
+    return report_open(file.path);
 }
 
 int report_read(const char *path)
@@ -67,62 +66,6 @@ int report_close(const char *path, int cause)
     errno = cause;
     report_error(0, 0, "Unable to close file %s: %s\n", path, strerror(errno));
     return 1;
-}
-
-// A file's bytes; not a string, which would first fill with zeros what is then read over.
-struct content {
-    std::unique_ptr<char[]> bytes;
-    std::size_t size;
-};
-
-std::string_view view(const content &text)
-{
-    return {text.bytes.get(), text.size};
-}
-
-// Moves the text into a larger block; false without the memory for it.
-bool make_room(content &text, std::size_t capacity)
-{
-    std::unique_ptr<char[]> block(new (std::nothrow) char[capacity]);
-    if (!block) {
-        errno = ENOMEM;
-        return false;
-    }
-    if (text.size > 0)
-        memcpy(block.get(), text.bytes.get(), text.size);
-    text.bytes = std::move(block);
-    return true;
-}
-
-// Reads what is left of the file; `expected` is how much that may be.
-bool read_all(int fd, content &text, std::size_t expected)
-{
-    std::size_t capacity = expected + 1; // the one byte more sees the end in the same call that reads the content
-    if (!make_room(text, capacity))
-        return false;
-    for (;;) {
-        const ssize_t got = read(fd, text.bytes.get() + text.size, capacity - text.size);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return got == 0;
-        text.size += static_cast<std::size_t>(got);
-        if (text.size == capacity && !make_room(text, capacity *= 2)) // the file grew, or does not tell its size
-            return false;
-    }
-}
-
-// Returns how much could not be written, with the error in errno, or 0.
-std::size_t write_all(int fd, std::string_view text)
-{
-    while (!text.empty()) {
-        const ssize_t put = write(fd, text.data(), text.size());
-        if (put < 0 && errno != EINTR)
-            break;
-        if (put > 0)
-            text.remove_prefix(static_cast<std::size_t>(put));
-    }
-    return text.size();
 }
 
 // The messages about the copy go straight to standard error, without the program's name.
@@ -176,38 +119,53 @@ void drop_copy(const copy &made)
     remove_copy(made);
 }
 
+// Gives the owner and bits that the file had. What fails is kept, to be said when the edit is done.
+void dress(target &file, int fd)
+{
+    const int former_errno = errno;
+    if (fchown(fd, file.status.st_uid, file.status.st_gid) != 0)
+        file.chown_error = errno;
+    else if (fchmod(fd, file.status.st_mode & 07777) != 0)
+        file.chmod_error = errno;
+    errno = former_errno;
+}
+
+int report_dress(const target &file)
+{
+    errno = file.chown_error != 0 ? file.chown_error : file.chmod_error;
+    const char *what = file.chown_error != 0 ? "chown" : "chmod";
+    report_error(0, 0, "file_str: ERROR: Unable to %s file %s: %s", what, file.path, strerror(errno));
+    return 1;
+}
+
+int close_input(target &file)
+{
+    return close(std::exchange(file.input, -1));
+}
+
 // Reads the file whose copy is begun, from its start or from where its reading stands; after a failure, which is
 // reported, nothing is left of the edit.
-bool load(const target &file, int input, bool from_start, const copy &made, content &text)
+bool load(const target &file, bool from_start, const copy &made, content &text)
 {
     const std::size_t expected = from_start ? static_cast<std::size_t>(file.status.st_size) : text_size;
-    if ((!from_start || lseek(input, 0, SEEK_SET) == 0) && read_all(input, text, expected))
+    if ((!from_start || lseek(file.input, 0, SEEK_SET) == 0) && read_rest(file.input, text, expected))
         return true;
     report_read(file.path);
-    close(input);
     drop_copy(made);
     return false;
 }
 
-// Before the rename, so that no reader finds the lines under looser bits than the file's own. A failure is said after
-// the rename, where the path is given the same once more.
-void dress_copy(const target &file, const copy &made)
+// Closes the file that was read and then the copy, which first gets its owner and bits, so that no reader finds the
+// lines under looser ones. `failed` is the error of an earlier write that has no message of its own, or 0.
+int close_both(target &file, const copy &made, int failed)
 {
-    [[maybe_unused]] int unsaid = fchown(made.fd, file.status.st_uid, file.status.st_gid);
-    unsaid = fchmod(made.fd, file.status.st_mode & 07777);
-}
-
-// Closes the file that was read and then the copy; `failed` is the error of an earlier write that has no message of
-// its own, or 0.
-int close_both(const target &file, int input, const copy &made, int failed)
-{
-    if (close(input) != 0) {
+    if (close_input(file) != 0) {
         const int cause = errno;
         drop_copy(made);
         return report_close(file.path, cause);
     }
-    if (failed == 0 && file.existed)
-        dress_copy(file, made);
+    if (failed == 0)
+        dress(file, made.fd);
     if (close(made.fd) != 0 && failed == 0)
         failed = errno;
     if (failed == 0)
@@ -236,19 +194,16 @@ int remove_lines(target &file, const char *const *lines, edit action, int mode)
 {
     if (action == edit::remove && !file.existed)
         return 1;
-    const int input = open_file(file, O_RDONLY);
-    if (input < 0)
-        return report_open(file.path);
+    if (file.input < 0)
+        return report_no_input(file);
     copy made;
-    if (begin_copy(file, made) != 0) {
-        close(input);
+    if (begin_copy(file, made) != 0)
         return 1;
-    }
     const comparison how = comparison_of(action, mode);
     content text{};
-    bool changes = !file.sole || search_lines(input, lines, how) != finding::none;
+    bool changes = !file.sole || search_lines(file.input, lines, how) != finding::none;
     if (changes) {
-        if (!load(file, input, true, made, text))
+        if (!load(file, true, made, text))
             return 1;
         const std::size_t kept = drop_lines(text.bytes.get(), text.size, lines, how);
         changes = !file.sole || kept != text.size;
@@ -256,8 +211,8 @@ int remove_lines(target &file, const char *const *lines, edit action, int mode)
     }
     if (!changes) {
         drop_copy(made);
-        file.kept = input;
-        return 0;
+        dress(file, file.input);
+        return close_input(file) == 0 ? 0 : report_close(file.path, errno);
     }
     int failed = 0;
     if (write_all(made.fd, view(text)) != 0) {
@@ -267,7 +222,7 @@ int remove_lines(target &file, const char *const *lines, edit action, int mode)
             report_fatal(1, "cannot write a line to %s.tmp", file.path);
         }
     }
-    if (close_both(file, input, made, failed) != 0)
+    if (close_both(file, made, failed) != 0)
         return 1;
     if (renameat(made.dir, made.name, file.dir, file.name) == 0)
         return 0;
@@ -291,35 +246,21 @@ std::string joined(const char *const *lines)
     return text;
 }
 
-// Has the kernel copy what is left of a file; false where it does not, or not to the end. The rest is then copied by
-// hand, and there an error gets its message.
-bool copy_within_kernel(int input, int output)
-{
-    const int former_errno = errno;
-    bool begun = false;
-    ssize_t copied;
-    while ((copied = copy_file_range(input, nullptr, output, nullptr, SSIZE_MAX, 0)) > 0)
-        begun = true;
-    errno = former_errno;
-    return begun && copied == 0;
-}
-
-int add_at_start(const target &file, const char *const *lines)
+int add_at_start(target &file, const char *const *lines)
 {
     copy made;
     if (begin_copy(file, made) != 0)
         return 1;
     const std::string added = joined(lines);
     int failed = write_all(made.fd, added) == 0 ? 0 : errno;
-    const int input = open_file(file, O_RDONLY);
-    if (input < 0) {
-        report_open(file.path);
+    if (file.input < 0) {
+        report_no_input(file);
         close(made.fd);
         return 1;
     }
-    if (failed != 0 || !copy_within_kernel(input, made.fd)) {
+    if (failed != 0 || !copy_within_kernel(file.input, made.fd)) {
         content text{};
-        if (!load(file, input, false, made, text))
+        if (!load(file, false, made, text))
             return 1;
         if (failed == 0 && write_all(made.fd, view(text)) != 0)
             failed = errno;
@@ -327,11 +268,10 @@ int add_at_start(const target &file, const char *const *lines)
     if (failed != 0 && added.size() + static_cast<std::size_t>(file.status.st_size) > stream_buffer) {
         errno = failed;
         report_error(0, 0, "Unable to fputs to file %s: %s\n", file.path, strerror(errno));
-        close(input);
         drop_copy(made);
         return 1;
     }
-    if (close_both(file, input, made, failed) != 0)
+    if (close_both(file, made, failed) != 0)
         return 1;
     if (renameat(made.dir, made.name, file.dir, file.name) == 0)
         return 0;
@@ -340,9 +280,22 @@ int add_at_start(const target &file, const char *const *lines)
     return 1;
 }
 
-int add_at_end(const target &file, const char *const *lines)
+bool is_same_file(const struct stat &one, const struct stat &other)
 {
-    const int fd = open_file(file, O_WRONLY | O_CREAT | O_APPEND, 0666);
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+int open_end(const target &file)
+{
+    if (file.dir != -1 && file.refused == 0)
+        return safe_open_at(file.dir, file.name, O_WRONLY | O_CREAT | O_APPEND, 0666);
+    errno = file.refused != 0 ? file.refused : ENOENT;
+    return -1;
+}
+
+int add_at_end(target &file, const char *const *lines)
+{
+    const int fd = open_end(file);
     if (fd < 0)
         return report_open(file.path);
     const std::string text = joined(lines);
@@ -353,6 +306,8 @@ int add_at_end(const target &file, const char *const *lines)
         const off_t end = lseek(fd, 0, SEEK_END);
         [[maybe_unused]] const int unsaid = end < put ? -1 : ftruncate(fd, end - put);
     }
+    if (struct stat status; failed == 0 && file.existed && fstat(fd, &status) == 0 && is_same_file(status, file.status))
+        dress(file, fd);
     if (close(fd) != 0 && failed == 0)
         failed = errno;
     return failed == 0 ? 0 : report_close(file.path, failed);
@@ -360,54 +315,45 @@ int add_at_end(const target &file, const char *const *lines)
 
 int perform(target &file, const char *const *lines, edit action, int mode)
 {
-    switch (action) {
-    case edit::add:
-        return mode == at_start ? add_at_start(file, lines) : mode == at_end ? add_at_end(file, lines) : 0;
-    case edit::remove:
-    case edit::remove_matching:
+    if (action == edit::remove || action == edit::remove_matching)
         return remove_lines(file, lines, action, mode);
-    }
+    if (action == edit::add && mode == at_start)
+        return add_at_start(file, lines);
+    if (action == edit::add && mode == at_end)
+        return add_at_end(file, lines);
+    if (file.input >= 0)
+        dress(file, file.input);
     return 0;
 }
 
-// Looks at the file itself, which a link may lead to. Returns 0, or -1 with the error.
+// Opens the file, which a link may lead to, and looks at what it has opened. Returns 0, or -1 with the error.
 int examine(target &file)
 {
+    struct stat entry;
     if (file.dir == -1)
         return -1;
-    if (fstatat(file.dir, file.name, &file.status, AT_SYMLINK_NOFOLLOW) != 0)
+    file.input = safe_open_at(file.dir, file.name, O_RDONLY);
+    if (file.input < 0 && errno == ENOENT)
         return -1;
-    file.sole = S_ISREG(file.status.st_mode) && file.status.st_nlink == 1;
-    if (!S_ISLNK(file.status.st_mode))
+    file.refused = file.input < 0 ? errno : 0;
+    if (fstatat(file.dir, file.name, &entry, AT_SYMLINK_NOFOLLOW) != 0)
+        return -1;
+    if (file.input >= 0 && fstat(file.input, &file.status) == 0) {
+        file.sole = S_ISREG(entry.st_mode) && entry.st_nlink == 1 && is_same_file(entry, file.status);
         return 0;
-    const int fd = open_file(file, O_RDONLY);
-    const int result = fd < 0 ? -1 : fstat(fd, &file.status);
-    if (fd >= 0)
-        close(fd);
-    return result;
-}
-
-// The path again, as it is after the edit.
-int give_owner_and_bits(const target &file)
-{
-    const int fd = file.kept >= 0 ? file.kept : open_file(file, O_RDONLY);
-    if (fd < 0 || fchown(fd, file.status.st_uid, file.status.st_gid) != 0) {
-        report_error(0, 0, "file_str: ERROR: Unable to chown file %s: %s", file.path, strerror(errno));
-        if (fd >= 0)
-            close(fd);
-        return 1;
     }
-    const int result = fchmod(fd, file.status.st_mode & 07777);
-    if (result != 0)
-        report_error(0, 0, "file_str: ERROR: Unable to chmod file %s: %s", file.path, strerror(errno));
-    close(fd);
-    return result == 0 ? 0 : 1;
+    errno = file.refused;
+    return file.refused == 0 || S_ISLNK(entry.st_mode) ? -1 : 0;
 }
 
 int edit_locked(target &file, const char *const *lines, edit action, int mode)
 {
     if (examine(file) != 0) {
-        if (errno != ENOENT) {
+        const int cause = errno;
+        if (file.input >= 0)
+            close_input(file);
+        if (cause != ENOENT) {
+            errno = cause;
             report_error(0, 0, "file_str: Unable to stat file %s: %s\n", file.path, strerror(errno));
             return 1;
         }
@@ -415,7 +361,7 @@ int edit_locked(target &file, const char *const *lines, edit action, int mode)
     }
     if (perform(file, lines, action, mode) != 0)
         return 1;
-    return file.existed ? give_owner_and_bits(file) : 0;
+    return file.chown_error == 0 && file.chmod_error == 0 ? 0 : report_dress(file);
 }
 
 int make_file(const char *path, int flags, const char *verb)
@@ -439,9 +385,14 @@ int file_str(const char *path, const char *const *lines, edit action, int mode)
         lock_file_release(lock);
         return 1;
     }
-    target file{path, -1, nullptr, true, false, -1, {}};
+    target file{};
+    file.path = path;
+    file.existed = true;
+    file.input = -1;
     file.dir = safe_open_parent(path, file.name);
     const int result = edit_locked(file, lines, action, mode);
+    if (file.input >= 0)
+        close(file.input);
     close_dir(file.dir);
     if (lock_file_release(lock) != 0 && result == 0) {
         report_error(0, 0, "Error occurred while unlocking the file %s: %s\n", path, strerror(errno));

@@ -44,14 +44,15 @@ bool enter(place &at, int dir)
     return true;
 }
 
-// What an entry opened with O_PATH leads to, when it is a link of root's.
+// What an entry opened with O_PATH leads to, when it is a link of root's. One of several names may have been given to
+// it by anybody, anywhere.
 bool read_link(int entry, place &at, std::string &target)
 {
     struct stat status;
     char text[PATH_MAX];
     if (fstat(entry, &status) != 0)
         return false;
-    if (status.st_uid != 0 || ++at.links > max_links) {
+    if (status.st_uid != 0 || status.st_nlink != 1 || ++at.links > max_links) {
         errno = ELOOP;
         return false;
     }

@@ -97,11 +97,15 @@ void purge_entry(const char *name)
         report_error(0, 1, "Can't remove directory %s (will try in next time)\n", name);
 }
 
-void remove_dir(int parent, const char *name, const char *path, int remove_self);
+// As deep as a tree is removed: each level takes a descriptor and its share of the stack, and whoever owns the tree
+// made it as deep as he liked.
+constexpr int max_depth = 1000;
+
+void remove_dir(int parent, const char *name, const char *path, int remove_self, int depth);
 
 // Removes every entry of a directory. Nothing is reached by a path: what somebody puts in the place of an entry
 // meanwhile is removed itself or refused, but never followed.
-void remove_entries(DIR *stream)
+void remove_entries(DIR *stream, int depth)
 {
     const int dir = dirfd(stream);
     while (const struct dirent *entry = readdir(stream)) {
@@ -114,21 +118,29 @@ void remove_entries(DIR *stream)
         }
         if (S_ISDIR(status.st_mode)) {
             if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0)
-                remove_dir(dir, name, name, 1);
+                remove_dir(dir, name, name, 1, depth + 1);
         } else if (unlinkat(dir, name, 0) != 0 && errno != ENOENT) {
             report_fatal(1, "Unable to unlink directory entry %s: %s\n", name, strerror(errno));
         }
     }
 }
 
-// `path` is what messages call it.
-void remove_dir(int parent, const char *name, const char *path, int remove_self)
+int open_level(int parent, const char *name, int depth)
 {
-    const int dir = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (depth < max_depth)
+        return openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    errno = EMFILE;
+    return -1;
+}
+
+// `path` is what messages call it.
+void remove_dir(int parent, const char *name, const char *path, int remove_self, int depth)
+{
+    const int dir = open_level(parent, name, depth);
     DIR *stream = dir < 0 ? nullptr : fdopendir(dir);
     if (!stream)
         report_fatal(1, "Unable to open dir %s: %s\n", path, strerror(errno));
-    remove_entries(stream);
+    remove_entries(stream, depth);
     if (closedir(stream) != 0)
         report_fatal(1, "Unable to close dir %s: %s\n", path, strerror(errno));
     if (!remove_self)
@@ -230,7 +242,7 @@ void remove_tree(const char *path, int remove_self)
         if (errno != ENOENT)
             report_fatal(1, "Unable to check directory entry %s: %s\n", path, strerror(errno));
     } else if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
-        remove_dir(parent, name, path, remove_self);
+        remove_dir(parent, name, path, remove_self, 0);
     } else if (unlinkat(parent, name, 0) != 0 && errno != ENOENT) {
         report_fatal(1, "Unable to unlink entry %s: %s\n", path, strerror(errno));
     }

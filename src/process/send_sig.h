@@ -29,6 +29,7 @@ void deferred_remove(const char *dir);
 void purge_deferred_dirs();
 
 // Removes what lies at the path: a file or link, or a directory with all that is in it, itself only when remove_self
-// is not 0. Links are never followed; what is gone already is no failure. Every failure is reported and ends the
-// process. The working directory is the same afterwards.
+// is not 0. Links are never followed; what is gone already is no failure; a tree of 1000 levels and more is one that
+// cannot be opened (EMFILE). Every failure is reported and ends the process. The working directory is the same
+// afterwards.
 void remove_tree(const char *path, int remove_self);

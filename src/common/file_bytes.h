@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string_view>
+
+// A file's bytes in memory; not a string, which would first fill with zeros what is then read over.
+struct content {
+    std::unique_ptr<char[]> bytes;
+    std::size_t size;
+};
+
+std::string_view view(const content &text);
+
+// Reads the open file to its end, from where its reading stands, into `text`, which is empty before; room for
+// `expected` bytes is made at once. Returns false with the error in errno: EFBIG for more than 1 GiB, ENOMEM without
+// the memory.
+bool read_rest(int fd, content &text, std::size_t expected);
+
+// Returns how much could not be written, with the error in errno, or 0.
+std::size_t write_all(int fd, std::string_view text);
+
+// Has the kernel copy what is left of one file to another; false where it does not, or not to the end. The rest can
+// then be read and written. Leaves errno as it was.
+bool copy_within_kernel(int input, int output);
