@@ -7,10 +7,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    static const bool quiet = freopen("/dev/null", "w", stdout) && dup2(STDOUT_FILENO, STDERR_FILENO) >= 0;
     const std::string output(reinterpret_cast<const char *>(data), size);
     const auto lines = std::count(output.begin(), output.end(), '\n');
-    if (!quiet || signal_matches(output.c_str(), "mark", 0) > lines)
+    if (signal_matches(output.c_str(), "mark", 0) > lines)
         abort();
     return 0;
 }
