@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <string>
@@ -17,7 +18,8 @@ constexpr int max_links = 40; // as many as the kernel follows in one path
 struct place {
     int dir;
     std::string name;
-    int links; // followed so far
+    int links;   // followed so far
+    uid_t owner; // of the last directory, not root's, that held one of them; root where there was none
 };
 
 int close_failed(int fd)
@@ -44,6 +46,13 @@ bool enter(place &at, int dir)
     return true;
 }
 
+// The owner of a directory, or root when it can't be told.
+uid_t owner_of(int dir)
+{
+    struct stat status;
+    return fstatat(dir, "", &status, AT_EMPTY_PATH) == 0 ? status.st_uid : 0;
+}
+
 // What an entry opened with O_PATH leads to, when it is a link of root's. One of several names may have been given to
 // it by anybody, anywhere.
 bool read_link(int entry, place &at, std::string &target)
@@ -56,6 +65,8 @@ bool read_link(int entry, place &at, std::string &target)
         errno = ELOOP;
         return false;
     }
+    if (const uid_t owner = owner_of(at.dir); owner != 0)
+        at.owner = owner;
     const ssize_t length = readlinkat(entry, "", text, sizeof text);
     target.assign(text, length < 0 ? 0 : static_cast<std::size_t>(length));
     return length > 0;
@@ -98,7 +109,8 @@ int open_place(place &at, int flags, mode_t mode)
     for (;;) {
         if (at.name.empty())
             at.name = ".";
-        const int fd = openat(at.dir, at.name.c_str(), flags | O_NOFOLLOW, mode);
+        const bool may_create = at.owner == 0 || owner_of(at.dir) == at.owner;
+        const int fd = openat(at.dir, at.name.c_str(), (may_create ? flags : flags & ~O_CREAT) | O_NOFOLLOW, mode);
         if (fd >= 0 || (errno != ELOOP && errno != ENOTDIR))
             return fd;
         const int cause = errno;
@@ -114,19 +126,40 @@ int open_place(place &at, int flags, mode_t mode)
     }
 }
 
+bool is_empty_dir(int fd)
+{
+    const int own = openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR *stream = own < 0 ? nullptr : fdopendir(own);
+    if (!stream)
+        return close_failed(own) == 0;
+    int entries = 0;
+    while (readdir(stream))
+        ++entries;
+    closedir(stream);
+    return entries <= 2; // itself and the one above
+}
+
+// Whoever owns a directory can move root's link in it to where root did not mean it to be. So it may lead only to what
+// is his, or stands in a directory of his, or to a new home that root has made for him.
+bool is_within_rights(const place &at, int fd, const struct stat &status)
+{
+    return at.owner == 0 || status.st_uid == at.owner || owner_of(at.dir) == at.owner ||
+           (S_ISDIR(status.st_mode) && status.st_uid == 0 && is_empty_dir(fd));
+}
+
 // 0 for a file that may be used, the error for one that may not.
-int judge(int dir, int fd)
+int judge(const place &at, int fd)
 {
     struct stat status;
-    struct stat owner;
     if (fstat(fd, &status) != 0)
         return errno;
+    if (!is_within_rights(at, fd, status))
+        return ELOOP;
     const bool several_names = S_ISREG(status.st_mode) && status.st_nlink > 1;
     if (!several_names && !S_ISFIFO(status.st_mode))
         return 0;
-    if (fstatat(dir, "", &owner, AT_EMPTY_PATH) != 0)
-        return errno;
-    if (owner.st_uid == 0 || (several_names && owner.st_uid == status.st_uid))
+    const uid_t owner = owner_of(at.dir);
+    if (owner == 0 || (several_names && owner == status.st_uid))
         return 0;
     return several_names ? EMLINK : EPERM;
 }
@@ -144,10 +177,11 @@ int open_dir(const std::string &path)
     const long fd = syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how);
     if (fd >= 0 || (errno != ELOOP && errno != ENOSYS && errno != EPERM)) // EPERM: a filter that does not know the call
         return static_cast<int>(fd);
-    place at = {openat(AT_FDCWD, ".", O_PATH | O_CLOEXEC), "", 0};
+    place at = {openat(AT_FDCWD, ".", O_PATH | O_CLOEXEC), "", 0, 0};
     const int dir = at.dir >= 0 && descend(at, path) ? open_place(at, O_PATH | O_DIRECTORY | O_CLOEXEC, 0) : -1;
-    close_failed(at.dir);
-    return dir;
+    const int refused = dir < 0 ? errno : judge(at, dir);
+    close_dir(at.dir);
+    return refused == 0 ? dir : refuse(dir, refused);
 }
 
 // Does something with an open file and closes it.
@@ -186,11 +220,11 @@ int safe_open_at(int dir_fd, const char *name, int flags, mode_t mode)
     const int former_errno = errno;
     const int checked_flags = (flags & ~O_TRUNC) | O_NONBLOCK | O_CLOEXEC;
     int fd = openat(dir_fd, name, checked_flags | O_NOFOLLOW, mode);
-    int refused = fd < 0 ? errno : judge(dir_fd, fd);
+    int refused = fd < 0 ? errno : judge({dir_fd, "", 0, 0}, fd);
     if (fd < 0 && (refused == ELOOP || refused == ENOTDIR)) {
-        place at = {openat(dir_fd, ".", O_PATH | O_CLOEXEC), name, 0};
+        place at = {openat(dir_fd, ".", O_PATH | O_CLOEXEC), name, 0, 0};
         fd = at.dir < 0 ? -1 : open_place(at, checked_flags, mode);
-        refused = fd < 0 ? errno : judge(at.dir, fd);
+        refused = fd < 0 ? errno : judge(at, fd);
         close_dir(at.dir);
     }
     if (refused != 0)

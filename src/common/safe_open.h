@@ -6,11 +6,11 @@
 // The system calls of their names, for paths that lead through directories of other users. Whoever owns a directory may
 // put a link in the place of anything in it, at any moment; so each of these goes from directory to directory by
 // descriptor and follows a symbolic link, wherever it stands in the path, only when root made it and it has no second
-// name. Any other link is refused with ELOOP. (What root's link says is trusted wherever it lies: a relative one leads
-// elsewhere from another directory, so among user-owned directories root's links are better absolute.) In a directory
-// that is not root's a file with several names is refused (EMLINK) unless it belongs to the owner of the directory, and
-// so is a pipe (EPERM), which would hold up whoever opens it. Results and errno are those of the plain calls; success
-// leaves errno as it was. Nothing is reported.
+// name. Any other link is refused with ELOOP. So is root's link, in a directory that is not root's, to what does not
+// belong to the owner of that directory: he could have moved it there from another place. (An empty directory of root's
+// is let pass: a new home for a mailbox.) In such a directory a file with several names is refused (EMLINK) unless it
+// belongs to the owner of the directory, and so is a pipe (EPERM), which would hold up whoever opens it. Results and
+// errno are those of the plain calls; success leaves errno as it was. Nothing is reported.
 
 // Opens a file or directory, close-on-exec and without waiting. O_TRUNC takes effect once the file is found to be none
 // of the refused.
