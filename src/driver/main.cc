@@ -3,6 +3,7 @@
 #include "driver/run.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -44,6 +45,15 @@ void fill_standard_descriptors()
         close(fd);
 }
 
+// A limit of file sizes or a reader that has gone must not end the run half-way: the write that fails is reported like
+// any other. Handlers, since ignored signals would stay ignored in every program that the run starts.
+void outlive_failing_writes()
+{
+    for (const int number : {SIGPIPE, SIGXFSZ})
+        if (signal(number, [](int) {}) == SIG_IGN)
+            signal(number, SIG_IGN);
+}
+
 [[noreturn]] void end_with_usage()
 {
     puts(usage_text);
@@ -64,6 +74,7 @@ int main(int argc, char **argv)
 {
     program_name = argv[0];
     fill_standard_descriptors();
+    outlive_failing_writes();
     if (setuid(0) != 0 || setgid(0) != 0)
         report_fatal(1, "Unable to set UID or GID: %s\n", strerror(errno));
     if (argc != 2 && argc != 3)
