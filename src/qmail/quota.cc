@@ -3,12 +3,12 @@
 #include "common/accounts.h"
 #include "common/conf.h"
 #include "common/error.h"
+#include "common/file_bytes.h"
 #include "common/file_lock.h"
 #include "common/safe_open.h"
 #include "qmail/layout.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -52,7 +52,9 @@ bool write_quota(const char *path, std::int64_t quota)
         report_error(0, 1, "Unable to open file %s: %s\n", path, strerror(errno));
         return false;
     }
-    const bool written = dprintf(fd, "%ld\n", static_cast<long>(quota)) > 0; // a failure comes out at the close
+    char text[32];
+    format_text(text, "%ld\n", static_cast<long>(quota));
+    const bool written = write_all(fd, text) == 0; // a failure comes out at the close
     const int cause = errno;
     if (close(fd) == 0 && written)
         return true;
