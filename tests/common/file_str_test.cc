@@ -1,6 +1,7 @@
 #include "common/file_str.h"
 
 #include "common/conf.h"
+#include "line_model.h"
 #include "support.h"
 
 #include <algorithm>
@@ -72,30 +73,6 @@ TEST(file_str, edits_to_the_byte)
         const bool in_place = each.after == each.before || (each.action == edit::add && each.mode == at_end);
         EXPECT_EQ(inode_of("f") == former && !exists("f.tmp"), in_place) << each.before;
     }
-}
-
-// The same edit as the contract words it: the lines one by one, cut where they are too long.
-static std::string edited_plainly(const std::string &text, const std::vector<std::string> &strings, edit action,
-                                  int mode)
-{
-    const auto bare = [](std::string line) { return line.ends_with('\n') ? line.substr(0, line.size() - 1) : line; };
-    std::string added, kept;
-    for (const std::string &string : strings)
-        added += bare(string) + "\n";
-    if (action == edit::add)
-        return mode == at_start ? added + text : text + added;
-    for (std::size_t at = 0, size; at < text.size(); at += size) {
-        size = std::min({text.find('\n', at) - at, text.size() - at - 1, std::size_t{4093}}) + 1;
-        const std::string line = text.substr(at, size);
-        bool drops = false;
-        for (const std::string &string : strings)
-            drops |= action == edit::remove ? bare(line) == string.substr(0, string.find('\n'))
-                     : mode == prefix       ? bare(line).starts_with(bare(string))
-                     : mode == suffix       ? bare(line).ends_with(bare(string))
-                                            : line.find(string) != line.npos;
-        kept += drops ? "" : line;
-    }
-    return kept;
 }
 
 TEST(file_str, edits_any_file_like_a_plain_editor_line_by_line)
