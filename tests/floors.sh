@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/../src"
 
 declare -A floor=(
-  [common/error]=0 [common/conf]=1 [common/idn]=1 [common/safe_open]=0 [common/line_match]=0 [common/file_bytes]=0 [common/accounts]=1
+  [common/error]=0 [common/conf]=1 [common/idn]=1 [common/safe_open]=1 [common/line_match]=0 [common/file_bytes]=0 [common/accounts]=2
   [common/panel_db]=2 [common/file_lock]=2 [process/exec]=2
   [common/get]=3 [common/file_str]=3 [process/send_sig]=3
   [qmail/layout]=4 [qmail/domain]=5 [process/service]=6 [filters/antivirus]=6 [filters/spam]=6

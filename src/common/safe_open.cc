@@ -1,5 +1,7 @@
 #include "common/safe_open.h"
 
+#include "common/error.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -7,6 +9,7 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <string>
+#include <string_view>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -147,6 +150,18 @@ bool is_within_rights(const place &at, int fd, const struct stat &status)
            (S_ISDIR(status.st_mode) && status.st_uid == 0 && is_empty_dir(fd));
 }
 
+// Whether a file's only name is the one by which it was opened. The count alone does not tell: a second name that was
+// removed after the file was opened by it is no longer counted. The kernel marks such an open file.
+bool has_one_name(int fd, const struct stat &status)
+{
+    constexpr std::string_view mark = " (deleted)";
+    char link[64];
+    char path[PATH_MAX];
+    format_text(link, "/proc/self/fd/%d", fd);
+    const ssize_t length = status.st_nlink == 1 ? readlink(link, path, sizeof path) : -1;
+    return length > 0 && !std::string_view(path, static_cast<std::size_t>(length)).ends_with(mark);
+}
+
 // 0 for a file that may be used, the error for one that may not.
 int judge(const place &at, int fd)
 {
@@ -155,13 +170,12 @@ int judge(const place &at, int fd)
         return errno;
     if (!is_within_rights(at, fd, status))
         return ELOOP;
-    const bool several_names = S_ISREG(status.st_mode) && status.st_nlink > 1;
-    if (!several_names && !S_ISFIFO(status.st_mode))
-        return 0;
     const uid_t owner = owner_of(at.dir);
-    if (owner == 0 || (several_names && owner == status.st_uid))
+    if (owner == 0)
         return 0;
-    return several_names ? EMLINK : EPERM;
+    if (S_ISFIFO(status.st_mode))
+        return EPERM;
+    return S_ISREG(status.st_mode) && status.st_uid != owner && !has_one_name(fd, status) ? EMLINK : 0;
 }
 
 int empty_file(int fd)
