@@ -37,8 +37,8 @@ double median(std::vector<double> values)
 std::vector<rule_set> read_rules(MYSQL *db)
 {
     std::vector<rule_set> all;
-    MYSQL_RES *rows = panel_db_rows(db, "SELECT m.mail_name, d.name FROM mail m, domains d WHERE m.dom_id=d.id");
-    while (const MYSQL_ROW row = rows ? mysql_fetch_row(rows) : nullptr) {
+    const owned_rows rows = panel_db_rows(db, "SELECT m.mail_name, d.name FROM mail m, domains d WHERE m.dom_id=d.id");
+    while (const MYSQL_ROW row = rows ? mysql_fetch_row(rows.get()) : nullptr) {
         const std::string address = std::string(row[0]) + "@" + row[1];
         rule_set rules;
         for (const char *direction : {"from", "to", "any"})
@@ -47,7 +47,6 @@ std::vector<rule_set> read_rules(MYSQL *db)
             rules.push_back(std::string("allow\t") + direction + "\texact\t" + address);
         all.push_back(rules);
     }
-    mysql_free_result(rows);
     return all;
 }
 
@@ -73,17 +72,16 @@ int main(int argc, char **argv)
         return 2;
     program_name = argv[0];
     load_conf();
-    MYSQL *db = panel_db_open();
+    const owned_db db = panel_db_open();
     if (!db)
         return 1;
-    const std::vector<rule_set> all = read_rules(db);
+    const std::vector<rule_set> all = read_rules(db.get());
     const std::string list = std::string(DRWEB_ETC_D) + "/edited.conf";
     std::vector<double> phase;
     std::vector<double> edits;
     for (int turn = 0; turn < atoi(argv[1]); ++turn) {
-        phase.push_back(seconds_for([&] { av_rebuild_recipients(db); }));
+        phase.push_back(seconds_for([&] { av_rebuild_recipients(db.get()); }));
         edits.push_back(seconds_for([&] { edit_alone(list.c_str(), all); }));
     }
-    mysql_close(db);
     printf("%zu %.4f %.4f\n", all.size(), median(phase), median(edits));
 }

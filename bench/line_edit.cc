@@ -78,7 +78,7 @@ void rewrite(const char *path, const char *line, edit action)
 
 int plain_edit(const char *path, const char *line, edit action, int mode)
 {
-    file_lock *lock = lock_file_exclusive(path, 1);
+    auto lock = lock_file_exclusive(path, 1);
     require(lock_file_is_held(lock), "lock");
     if (action == edit::add && mode == at_end) {
         FILE *out = fopen(path, "a");
@@ -88,7 +88,7 @@ int plain_edit(const char *path, const char *line, edit action, int mode)
     } else {
         rewrite(path, line, action);
     }
-    return lock_file_release(lock);
+    return lock_file_release(std::move(lock));
 }
 
 void edit_entry(edit_function edit_file, int number)

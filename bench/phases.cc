@@ -2,6 +2,7 @@
 // code stays as it is. At the end of the run the sums go into the file that PHASES names.
 
 #include "common/file_str.h"
+#include "common/safe_open.h"
 
 #include <array>
 #include <cstdint>
@@ -55,9 +56,10 @@ double seconds(const timeval &time)
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
 }
 
+const char *const path = getenv("PHASES"); // before the program empties its environment
+
 __attribute__((destructor)) void write_sums()
 {
-    const char *path = getenv("PHASES");
     FILE *file = path ? fopen(path, "we") : nullptr;
     if (!file)
         return;
@@ -90,17 +92,25 @@ MEASURED(database, MYSQL_RES *, mysql_store_result, (MYSQL * db), (db))
 MEASURED(children, int, system, (const char *command), (command))
 MEASURED(children, int, _Z15service_controlPKcS0_, (const char *service, const char *action), (service, action))
 MEASURED(crypting, char *, crypt, (const char *phrase, const char *salt), (phrase, salt))
-MEASURED(directories, int, mkdir, (const char *path, mode_t mode), (path, mode))
-MEASURED(directories, int, chown, (const char *path, uid_t uid, gid_t gid), (path, uid, gid))
-MEASURED(directories, int, chmod, (const char *path, mode_t mode), (path, mode))
-MEASURED(directories, int, chdir, (const char *path), (path))
+MEASURED(directories, int, _Z10safe_mkdirPKcj, (const char *path, mode_t mode), (path, mode))
+MEASURED(directories, safe_step, _Z13safe_make_dirPKcjjj, (const char *path, uid_t uid, gid_t gid, mode_t mode),
+         (path, uid, gid, mode))
+MEASURED(directories, int, _Z10safe_chownPKc9safe_kindjj, (const char *path, safe_kind kind, uid_t uid, gid_t gid),
+         (path, kind, uid, gid))
+MEASURED(directories, int, _Z10safe_chmodPKc9safe_kindj, (const char *path, safe_kind kind, mode_t mode),
+         (path, kind, mode))
+MEASURED(directories, safe_step, _Z9safe_givePKc9safe_kindjjj,
+         (const char *path, safe_kind kind, uid_t uid, gid_t gid, mode_t mode), (path, kind, uid, gid, mode))
+MEASURED(directories, int, _Z10safe_chdirPKc, (const char *path), (path))
 MEASURED(directories, char *, getcwd, (char *path, size_t size), (path, size))
-MEASURED(directories, int, unlink, (const char *path), (path))
+MEASURED(directories, int, _Z11safe_unlinkPKc, (const char *path), (path))
 MEASURED(directories, int, _Z16write_mbox_quotaPKcS0_l, (const char *domain, const char *name, std::int64_t quota),
          (domain, name, quota))
 MEASURED(directories, int, _Z17remove_mbox_quotaPKcS0_, (const char *domain, const char *name), (domain, name))
 MEASURED(line_edits, int, _Z13file_str_linePKcS0_4editi, (const char *path, const char *line, edit action, int mode),
          (path, line, action, mode))
+MEASURED(line_edits, edit_end, _Z12file_str_endPKcS0_4editi,
+         (const char *path, const char *line, edit action, int mode), (path, line, action, mode))
 MEASURED(line_edits, int, _Z8file_strPKcPKS0_4editi,
          (const char *path, const char *const *lines, edit action, int mode), (path, lines, action, mode))
 MEASURED(line_edits, int, _Z11create_filePKc, (const char *path), (path))

@@ -4,12 +4,13 @@ set -euo pipefail
 cd "$(dirname "$0")/../src"
 
 declare -A floor=(
-  [common/error]=0 [common/conf]=1 [common/idn]=1 [common/safe_open]=1 [common/line_match]=0 [common/file_bytes]=0 [common/accounts]=2
-  [common/panel_db]=2 [common/file_lock]=2 [process/exec]=2
-  [common/get]=3 [common/file_str]=3 [process/send_sig]=3
-  [qmail/layout]=4 [qmail/domain]=5 [process/service]=6 [filters/antivirus]=6 [filters/spam]=6
-  [qmail/mailbox]=6 [qmail/forward]=6 [qmail/nonexist]=6 [qmail/quota]=6
-  [driver/rebuild]=7 [driver/run]=8 [driver/main]=9
+  [common/owned]=0 [common/error]=1 [common/file_bytes]=2 [common/line_match]=2
+  [common/conf]=3 [common/idn]=3 [common/safe_dir]=3 [common/safe_open]=4
+  [common/accounts]=5 [common/file_lock]=5 [common/panel_db]=5 [common/names]=5 [common/file_copy]=6
+  [common/file_str]=7 [common/get]=7 [process/exec]=6 [process/send_sig]=7 [process/remove_tree]=8
+  [qmail/layout]=8 [qmail/domain]=9 [process/service]=10 [filters/antivirus]=10 [filters/spam]=10
+  [qmail/mailbox]=10 [qmail/forward]=10 [qmail/nonexist]=10 [qmail/quota]=10
+  [driver/rebuild]=11 [driver/run]=12 [driver/main]=13
 )
 declare -A never=([common]='qmail|filters|process|driver' [process]='qmail|filters|driver'
   [qmail]='filters|driver' [filters]='qmail|driver' [driver]='-')

@@ -136,17 +136,15 @@ std::string owner_mode(const std::string &path)
 
 bool is_unlocked(const std::string &path)
 {
-    file_lock *lock = lock_file_open(path.c_str(), O_RDWR | O_CREAT, LOCK_EX | LOCK_NB, 1);
-    const bool held = lock_file_is_held(lock);
-    lock_file_release(lock);
-    return held;
+    return lock_file_is_held(lock_file_open(path.c_str(), O_RDWR | O_CREAT, LOCK_EX | LOCK_NB, 1));
 }
 
 int open_descriptors()
 {
     int count = 0;
     for (int fd = 0; fd < 1024; ++fd)
-        count += fcntl(fd, F_GETFD) >= 0;
+        if (const int flags = fcntl(fd, F_GETFL); flags >= 0 && (flags & O_PATH) == 0)
+            ++count;
     return count;
 }
 

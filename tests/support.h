@@ -44,7 +44,7 @@ std::string owner_mode(const std::string &path);
 // True when nobody holds the named lock of this path text.
 bool is_unlocked(const std::string &path);
 
-// How many descriptors this process has open.
+// How many descriptors this process has open, but for directories that are only held (O_PATH).
 int open_descriptors();
 // In a child only: makes the path a mount of itself, which nothing can be renamed over and nobody can remove. It goes
 // with the child.

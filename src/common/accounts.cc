@@ -22,39 +22,43 @@ uid_t get_user_id(const char *name, int which)
     return which == 0 ? user->pw_uid : user->pw_gid;
 }
 
+user_ids get_user_ids(const char *name)
+{
+    if (const struct passwd *user = getpwnam(name))
+        return {user->pw_uid, user->pw_gid};
+    for (int id = 0; id < 2; ++id)
+        report_error(0, 0, "Unable to getpwnam for user %s", name);
+    return {0, 0};
+}
+
 int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t bits)
 {
     errno = 0;
     struct stat status;
     if (stat(path, &status) != 0)
         return 0;
-    if (chown(path, uid, gid) != 0) {
-        report_error(0, 0, "ERROR: unable to chown %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    if (chmod(path, bits) != 0) {
-        report_error(0, 0, "ERROR: unable to chmod %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    return 0;
+    const safe_step failed = safe_give(path, safe_kind::file, uid, gid, bits);
+    if (failed == safe_step::none)
+        return 0;
+    report_error(0, 0, "ERROR: unable to %s %s: %s\n", failed == safe_step::chown ? "chown" : "chmod", path,
+                 strerror(errno));
+    return -1;
 }
 
 int make_dir(const char *path, uid_t uid, gid_t gid, mode_t bits)
 {
     errno = 0;
-    if (mkdir(path, bits) != 0 && errno != EEXIST) {
-        report_error(0, 0, "ERROR: Unable to mkdir %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    if (chown(path, uid, gid) != 0 && errno != ENOENT) {
-        report_error(0, 0, "ERROR: Unable to chown %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    if (chmod(path, bits) != 0 && errno != ENOENT) { // mkdir's bits were less the umask
-        report_error(0, 0, "ERROR: Unable to chmod %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    return 0;
+    const char *failed = nullptr;
+    if (safe_mkdir(path, bits) != 0 && errno != EEXIST)
+        failed = "mkdir";
+    else if (safe_chown(path, safe_kind::directory, uid, gid) != 0 && errno != ENOENT)
+        failed = "chown";
+    else if (safe_chmod(path, safe_kind::directory, bits) != 0 && errno != ENOENT) // mkdir's bits were less the umask
+        failed = "chmod";
+    if (!failed)
+        return 0;
+    report_error(0, 0, "ERROR: Unable to %s %s: %s\n", failed, path, strerror(errno));
+    return -1;
 }
 
 int rename_dir(const char *old_path, const char *new_path)

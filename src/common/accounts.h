@@ -8,6 +8,14 @@
 // getpwnam for user %s" and gives 0, so that what the caller goes on to make belongs to root.
 uid_t get_user_id(const char *name, int which);
 
+// Both ids of a user from one lookup. An unknown user is reported as by get_user_id, once for each id, and gives 0
+// twice.
+struct user_ids {
+    uid_t uid;
+    gid_t gid;
+};
+user_ids get_user_ids(const char *name);
+
 // Gives a path an owner and permission bits, following links. Returns 0, also when the path cannot be examined, or -1
 // after "ERROR: unable to chown %s: %s\n" or "ERROR: unable to chmod %s: %s\n". Clears errno.
 int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t bits);

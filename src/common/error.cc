@@ -5,14 +5,27 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 const char *program_name = nullptr;
+
+// As POSIX has it: without the slashes at the end; "." for no name at all, "/" for slashes alone.
+static std::string_view base_name(std::string_view path)
+{
+    if (path.empty())
+        return ".";
+    const std::size_t end = path.find_last_not_of('/');
+    if (end == path.npos)
+        return "/";
+    path = path.substr(0, end + 1);
+    return path.substr(path.rfind('/') + 1);
+}
 
 static void print_line(FILE *stream, const char *text)
 {
     if (program_name) {
-        const char *slash = strrchr(program_name, '/');
-        fprintf(stream, "%s: ", slash ? slash + 1 : program_name);
+        const std::string_view name = base_name(program_name);
+        fprintf(stream, "%.*s: ", static_cast<int>(name.size()), name.data());
     }
     fputs(text, stream);
     const std::size_t length = strlen(text);
@@ -95,7 +108,7 @@ void report_fatal(int, const char *format, ...)
     abort(); // never reached: the report has ended the process
 }
 
-char *alloc_printf(const char *format, ...)
+owned_text alloc_printf(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
@@ -104,12 +117,22 @@ char *alloc_printf(const char *format, ...)
     va_end(arguments);
     if (length < 0)
         report_fatal(1, "Cannot allocate memory: %s", strerror(errno));
-    return text;
+    return owned_text(text);
 }
 
 void end_process(int exit_status)
 {
     exit(exit_status);
+}
+
+text formatted(const char *format, ...)
+{
+    text out;
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(out.bytes, sizeof out.bytes, format, arguments);
+    va_end(arguments);
+    return out;
 }
 
 void format_text(std::span<char> out, const char *format, ...)

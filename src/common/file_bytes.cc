@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr std::size_t max_content = std::size_t{1} << 30;
-
 // Moves the text into a larger block; false without the memory for it.
 bool make_room(content &text, std::size_t capacity)
 {
@@ -64,6 +62,19 @@ std::size_t write_all(int fd, std::string_view text)
             text.remove_prefix(static_cast<std::size_t>(put));
     }
     return text.size();
+}
+
+bool append_all(int fd, std::string_view text)
+{
+    const std::size_t unwritten = write_all(fd, text);
+    if (unwritten == 0)
+        return true;
+    const int cause = errno;
+    const auto put = static_cast<off_t>(text.size() - unwritten);
+    const off_t end = lseek(fd, 0, SEEK_END);
+    [[maybe_unused]] const int unsaid = end < put ? -1 : ftruncate(fd, end - put);
+    errno = cause;
+    return false;
 }
 
 bool copy_within_kernel(int input, int output)

@@ -2,19 +2,18 @@
 
 #include "common/error.h"
 #include "common/file_bytes.h"
+#include "common/file_copy.h"
 #include "common/file_lock.h"
 #include "common/line_match.h"
 #include "common/safe_open.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
 namespace {
 
@@ -22,216 +21,128 @@ namespace {
 // stream comes upon the error.
 constexpr std::size_t stream_buffer = 4096;
 
+constexpr std::size_t max_path = text_size - sizeof ".tmp"; // a longer one would leave no room for the copy's name
+
+// The file of an edit as it was found.
 struct target {
     const char *path;
-    int dir; // the directory that holds it, open, or -1 when there is none
+    safe_dir dir;
     const char *name;
-    bool existed;
-    int input;          // the file as it was found, open for reading, or -1
-    int refused;        // why it is not open, although it existed, or 0
-    struct stat status; // of the open file: its directory's owner may by now have put another one in its place
-    bool sole;          // a regular file under this one name, reached through no link
-    int chown_error;    // why the edited file could not be given the owner of the former one, or 0
-    int chmod_error;    // the same of its bits
+    owned_fd input; // open for reading; none where it could not be opened
+    int error;      // why, or 0
+    safe_opened found;
 };
 
-// The new content on its way: PATH.tmp, open for writing.
-struct copy {
-    char path[text_size];
-    int dir;
-    const char *name; // in path
-    int fd;
-};
-
-int report_open(const char *path)
-{
-    report_error(0, 0, "Unable to open file %s: %s\n", path, strerror(errno));
-    return 1;
-}
-
-int report_no_input(const target &file)
-{
-    errno = file.refused != 0 ? file.refused : ENOENT;
-    return report_open(file.path);
-}
-
-int report_read(const char *path)
-{
-    report_error(0, 0, "Unable to read file %s: %s\n", path, strerror(errno));
-    return 1;
-}
-
-int report_close(const char *path, int cause)
+int report(const char *verb, const target &file, int cause)
 {
     errno = cause;
-    report_error(0, 0, "Unable to close file %s: %s\n", path, strerror(errno));
+    report_error(0, 0, "Unable to %s file %s: %s\n", verb, file.path, strerror(errno));
     return 1;
 }
 
-// The messages about the copy go straight to standard error, without the program's name.
-int tell(const char *what, const copy &made)
+// Says what kept the file from getting its owner and mode, if anything did. Returns the result of the edit.
+int report_owner(const target &file, const file_copy_failure &failure)
 {
-    fprintf(stderr, "%s %s: %s\n", what, made.path, strerror(errno));
-    fflush(stderr);
-    return 1;
-}
-
-// A link or a file that somebody left under the copy's name must not receive the lines, which may hold password
-// hashes: the copy is always a new file of ours.
-int begin_copy(const target &file, copy &made)
-{
-    format_text(made.path, "%s.tmp", file.path);
-    if (strlen(file.path) + strlen(".tmp") >= sizeof made.path) { // the cut name may be the file's own
-        errno = ENAMETOOLONG;
-        return tell("Unable to open file", made);
-    }
-    const char *slash = strrchr(made.path, '/');
-    made.dir = file.dir;
-    made.name = slash ? slash + 1 : made.path;
-    if (file.dir == -1) {
-        errno = ENOENT;
-        return tell("Unable to open file", made);
-    }
-    const int former_errno = errno;
-    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    made.fd = openat(made.dir, made.name, flags, 0600);
-    if (made.fd < 0 && errno == EEXIST && unlinkat(made.dir, made.name, 0) == 0)
-        made.fd = openat(made.dir, made.name, flags, 0600);
-    if (made.fd < 0)
-        return tell("Unable to open file", made);
-    errno = former_errno; // a leftover that is gone is no error of what follows
-    return 0;
-}
-
-// What follows a failed step must not put its own error in the place of that step's.
-void remove_copy(const copy &made)
-{
-    const int former_errno = errno;
-    unlinkat(made.dir, made.name, 0);
-    errno = former_errno;
-}
-
-void drop_copy(const copy &made)
-{
-    const int former_errno = errno;
-    close(made.fd);
-    errno = former_errno;
-    remove_copy(made);
-}
-
-// Gives the owner and bits that the file had. What fails is kept, to be said when the edit is done.
-void dress(target &file, int fd)
-{
-    const int former_errno = errno;
-    if (fchown(fd, file.status.st_uid, file.status.st_gid) != 0)
-        file.chown_error = errno;
-    else if (fchmod(fd, file.status.st_mode & 07777) != 0)
-        file.chmod_error = errno;
-    errno = former_errno;
-}
-
-int report_dress(const target &file)
-{
-    errno = file.chown_error != 0 ? file.chown_error : file.chmod_error;
-    const char *what = file.chown_error != 0 ? "chown" : "chmod";
-    report_error(0, 0, "file_str: ERROR: Unable to %s file %s: %s", what, file.path, strerror(errno));
+    if (!failure.call)
+        return 0;
+    errno = failure.error;
+    report_error(0, 0, "file_str: ERROR: Unable to %s file %s: %s", failure.call, file.path, strerror(errno));
     return 1;
 }
 
 int close_input(target &file)
 {
-    return close(std::exchange(file.input, -1));
+    return close(file.input.release()) == 0 ? 0 : report("close", file, errno);
+}
+
+int begin_copy(const target &file, file_copy &copy)
+{
+    if (file.dir.fd != -1)
+        return file_copy_begin(copy, file.path, file.dir, file.name);
+    format_text(copy.path, "%s.tmp", file.path);
+    errno = file.error;
+    file_copy_complain("Unable to open file", copy);
+    return -1;
 }
 
 // Reads the file whose copy is begun, from its start or from where its reading stands; after a failure, which is
 // reported, nothing is left of the edit.
-bool load(const target &file, bool from_start, const copy &made, content &text)
+bool load(const target &file, bool from_start, file_copy &copy, content &text)
 {
-    const std::size_t expected = from_start ? static_cast<std::size_t>(file.status.st_size) : text_size;
-    if ((!from_start || lseek(file.input, 0, SEEK_SET) == 0) && read_rest(file.input, text, expected))
+    const std::size_t expected = from_start ? static_cast<std::size_t>(file.found.status.st_size) : text_size;
+    const int fd = file.input.get();
+    if ((!from_start || lseek(fd, 0, SEEK_SET) == 0) && read_rest(fd, text, expected))
         return true;
-    report_read(file.path);
-    drop_copy(made);
+    report("read", file, errno);
+    file_copy_drop(copy);
     return false;
 }
 
-// Closes the file that was read and then the copy, which first gets its owner and bits, so that no reader finds the
-// lines under looser ones. `failed` is the error of an earlier write that has no message of its own, or 0.
-int close_both(target &file, const copy &made, int failed)
+// Closes the file that was read and then the copy, which first gets its owner and mode, so that no reader finds the
+// lines under looser ones; then puts it in place. `failed` is the error of an earlier write that has no message of its
+// own, or 0. A rename that fails is told as `failure`, on standard error alone or, for null, in a report.
+int finish_copy(target &file, file_copy &copy, int failed, const char *failure)
 {
     if (close_input(file) != 0) {
-        const int cause = errno;
-        drop_copy(made);
-        return report_close(file.path, cause);
+        file_copy_drop(copy);
+        return 1;
     }
-    if (failed == 0)
-        dress(file, made.fd);
-    if (close(made.fd) != 0 && failed == 0)
+    const file_copy_failure kept = failed == 0 ? file_copy_own(copy.fd, file.found.status) : file_copy_failure{};
+    if (file_copy_close(copy) != 0 && failed == 0)
         failed = errno;
-    if (failed == 0)
-        return 0;
-    remove_copy(made);
-    return report_close(file.path, failed);
+    if (failed != 0) {
+        file_copy_drop(copy);
+        return report("close", file, failed);
+    }
+    if (file_copy_commit(copy, file.name) == 0)
+        return report_owner(file, kept);
+    if (failure)
+        file_copy_complain(failure, copy);
+    else
+        report_error(0, 0, "Error while rename file %s: %s\n", file.path, strerror(errno));
+    return 1;
 }
 
 comparison comparison_of(edit action, int mode)
 {
+    constexpr comparison matches[] = {comparison::prefix, comparison::suffix, comparison::substring};
     if (action == edit::remove)
         return comparison::equal;
-    switch (mode) {
-    case prefix:
-        return comparison::prefix;
-    case suffix:
-        return comparison::suffix;
-    case substring:
-        return comparison::substring;
-    default:
-        return comparison::never;
-    }
+    return mode >= prefix && mode <= substring ? matches[mode] : comparison::never;
 }
 
 int remove_lines(target &file, const char *const *lines, edit action, int mode)
 {
-    if (action == edit::remove && !file.existed)
+    if (action == edit::remove && file.error == ENOENT)
         return 1;
-    if (file.input < 0)
-        return report_no_input(file);
-    copy made;
-    if (begin_copy(file, made) != 0)
+    if (file.input.get() < 0)
+        return report("open", file, file.error);
+    file_copy copy;
+    if (begin_copy(file, copy) != 0)
         return 1;
     const comparison how = comparison_of(action, mode);
+    const struct stat &status = file.found.status;
+    const bool has_one_name = S_ISREG(status.st_mode) && status.st_nlink == 1 && !file.found.through_link;
     content text{};
-    bool changes = !file.sole || search_lines(file.input, lines, how) != finding::none;
+    bool changes = !has_one_name || search_lines(file.input.get(), lines, how) != finding::none;
     if (changes) {
-        if (!load(file, true, made, text))
+        if (!load(file, true, copy, text))
             return 1;
         const std::size_t kept = drop_lines(text.bytes.get(), text.size, lines, how);
-        changes = !file.sole || kept != text.size;
+        changes = !has_one_name || kept != text.size;
         text.size = kept;
     }
     if (!changes) {
-        drop_copy(made);
-        dress(file, file.input);
-        return close_input(file) == 0 ? 0 : report_close(file.path, errno);
+        file_copy_drop(copy);
+        const file_copy_failure kept = file_copy_own(file.input.get(), status);
+        return close_input(file) == 0 ? report_owner(file, kept) : 1;
     }
-    int failed = 0;
-    if (write_all(made.fd, view(text)) != 0) {
-        failed = errno;
-        if (action == edit::remove && text.size > stream_buffer) {
-            remove_copy(made);
-            report_fatal(1, "cannot write a line to %s.tmp", file.path);
-        }
+    const int failed = write_all(copy.fd, view(text)) == 0 ? 0 : errno;
+    if (failed != 0 && action == edit::remove && text.size > stream_buffer) {
+        file_copy_drop(copy);
+        report_fatal(1, "cannot write a line to %s.tmp", file.path);
     }
-    if (close_both(file, made, failed) != 0)
-        return 1;
-    if (renameat(made.dir, made.name, file.dir, file.name) == 0)
-        return 0;
-    if (action == edit::remove)
-        report_error(0, 0, "Error while rename file %s: %s\n", file.path, strerror(errno));
-    else
-        tell("Error while rename file", made);
-    remove_copy(made);
-    return 1;
+    return finish_copy(file, copy, failed, action == edit::remove ? nullptr : "Error while rename file");
 }
 
 std::string joined(const char *const *lines)
@@ -248,163 +159,149 @@ std::string joined(const char *const *lines)
 
 int add_at_start(target &file, const char *const *lines)
 {
-    copy made;
-    if (begin_copy(file, made) != 0)
+    file_copy copy;
+    if (begin_copy(file, copy) != 0)
         return 1;
     const std::string added = joined(lines);
-    int failed = write_all(made.fd, added) == 0 ? 0 : errno;
-    if (file.input < 0) {
-        report_no_input(file);
-        close(made.fd);
-        return 1;
+    int failed = write_all(copy.fd, added) == 0 ? 0 : errno;
+    if (file.input.get() < 0) {
+        file_copy_close(copy);
+        return report("open", file, file.error);
     }
-    if (failed != 0 || !copy_within_kernel(file.input, made.fd)) {
+    if (failed != 0 || !copy_within_kernel(file.input.get(), copy.fd)) {
         content text{};
-        if (!load(file, false, made, text))
+        if (!load(file, false, copy, text))
             return 1;
-        if (failed == 0 && write_all(made.fd, view(text)) != 0)
+        if (failed == 0 && write_all(copy.fd, view(text)) != 0)
             failed = errno;
     }
-    if (failed != 0 && added.size() + static_cast<std::size_t>(file.status.st_size) > stream_buffer) {
+    if (failed != 0 && added.size() + static_cast<std::size_t>(file.found.status.st_size) > stream_buffer) {
         errno = failed;
         report_error(0, 0, "Unable to fputs to file %s: %s\n", file.path, strerror(errno));
-        drop_copy(made);
+        file_copy_drop(copy);
         return 1;
     }
-    if (close_both(file, made, failed) != 0)
-        return 1;
-    if (renameat(made.dir, made.name, file.dir, file.name) == 0)
-        return 0;
-    tell("Unable to rename file", made);
-    remove_copy(made);
-    return 1;
-}
-
-bool is_same_file(const struct stat &one, const struct stat &other)
-{
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
-int open_end(const target &file)
-{
-    if (file.dir != -1 && file.refused == 0)
-        return safe_open_at(file.dir, file.name, O_WRONLY | O_CREAT | O_APPEND, 0666);
-    errno = file.refused != 0 ? file.refused : ENOENT;
-    return -1;
+    return finish_copy(file, copy, failed, "Unable to rename file");
 }
 
 int add_at_end(target &file, const char *const *lines)
 {
-    const int fd = open_end(file);
-    if (fd < 0)
-        return report_open(file.path);
-    const std::string text = joined(lines);
-    int failed = 0;
-    if (const std::size_t unwritten = write_all(fd, text); unwritten != 0) {
-        failed = errno;
-        const off_t put = static_cast<off_t>(text.size() - unwritten);
-        const off_t end = lseek(fd, 0, SEEK_END);
-        [[maybe_unused]] const int unsaid = end < put ? -1 : ftruncate(fd, end - put);
+    const bool existed = file.error == 0;
+    if (file.error == ENOENT && file.dir.fd != -1) {
+        file.input = owned_fd(safe_open_at(file.dir, file.name, O_WRONLY | O_CREAT | O_APPEND, 0666, file.found));
+        file.error = errno;
     }
-    if (struct stat status; failed == 0 && file.existed && fstat(fd, &status) == 0 && is_same_file(status, file.status))
-        dress(file, fd);
-    if (close(fd) != 0 && failed == 0)
+    if (file.input.get() < 0)
+        return report("open", file, file.error);
+    int failed = append_all(file.input.get(), joined(lines)) ? 0 : errno;
+    file_copy_failure kept{};
+    if (failed == 0 && existed)
+        kept = file_copy_own(file.input.get(), file.found.status);
+    if (close(file.input.release()) != 0 && failed == 0)
         failed = errno;
-    return failed == 0 ? 0 : report_close(file.path, failed);
+    return failed == 0 ? report_owner(file, kept) : report("close", file, failed);
 }
 
-int perform(target &file, const char *const *lines, edit action, int mode)
+// Whether an error comes from finding the file and not from opening it.
+bool is_about_the_way(int error)
 {
+    return is_refusal(error) || error == ENOTDIR || error == ENAMETOOLONG;
+}
+
+// Opens the file and looks at what was opened. False with the error in errno when the edit ends there: what an open
+// alone can fail for is left to the step that opens the file.
+bool examine(target &file, int flags)
+{
+    if (strlen(file.path) > max_path) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    const int former_errno = errno;
+    if (safe_find_dir(file.path, file.dir, file.name))
+        file.input = owned_fd(safe_open_at(file.dir, file.name, flags, 0, file.found));
+    else
+        file.dir.fd = -1;
+    if (file.input.get() >= 0)
+        return true;
+    file.error = errno;
+    if (file.error != ENOENT && (file.dir.fd == -1 || is_about_the_way(file.error)))
+        return false;
+    if (file.error != ENOENT)
+        errno = former_errno;
+    return true;
+}
+
+edit_end end_of(int result)
+{
+    return result == 0 ? edit_end::done : edit_end::failed;
+}
+
+edit_end edit_locked(target &file, const char *const *lines, edit action, int mode)
+{
+    const bool appends = action == edit::add && mode == at_end;
+    if (!examine(file, appends ? O_WRONLY | O_APPEND : O_RDONLY)) {
+        report_error(0, 0, "file_str: Unable to stat file %s: %s\n", file.path, strerror(errno));
+        return is_refusal(errno) ? edit_end::refused : edit_end::failed;
+    }
+    if (file.input.get() >= 0 && file.found.status.st_size > static_cast<off_t>(max_content))
+        return end_of(report("read", file, EFBIG));
     if (action == edit::remove || action == edit::remove_matching)
-        return remove_lines(file, lines, action, mode);
+        return end_of(remove_lines(file, lines, action, mode));
+    if (appends)
+        return end_of(add_at_end(file, lines));
     if (action == edit::add && mode == at_start)
-        return add_at_start(file, lines);
-    if (action == edit::add && mode == at_end)
-        return add_at_end(file, lines);
-    if (file.input >= 0)
-        dress(file, file.input);
-    return 0;
+        return end_of(add_at_start(file, lines));
+    const int fd = file.input.get();
+    return fd < 0 ? edit_end::done : end_of(report_owner(file, file_copy_own(fd, file.found.status)));
 }
 
-// Opens the file, which a link may lead to, and looks at what it has opened. Returns 0, or -1 with the error.
-int examine(target &file)
+edit_end edit_file(const char *path, const char *const *lines, edit action, int mode)
 {
-    struct stat entry;
-    if (file.dir == -1)
-        return -1;
-    file.input = safe_open_at(file.dir, file.name, O_RDONLY);
-    if (file.input < 0 && errno == ENOENT)
-        return -1;
-    file.refused = file.input < 0 ? errno : 0;
-    if (fstatat(file.dir, file.name, &entry, AT_SYMLINK_NOFOLLOW) != 0)
-        return -1;
-    if (file.input >= 0 && fstat(file.input, &file.status) == 0) {
-        file.sole = S_ISREG(entry.st_mode) && entry.st_nlink == 1 && is_same_file(entry, file.status);
-        return 0;
+    auto lock = lock_file_exclusive(path, 1);
+    if (!lock_file_is_held(lock)) {
+        report_error(0, 0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
+        lock_file_release(std::move(lock));
+        return edit_end::failed;
     }
-    errno = file.refused;
-    return file.refused == 0 || S_ISLNK(entry.st_mode) ? -1 : 0;
-}
-
-int edit_locked(target &file, const char *const *lines, edit action, int mode)
-{
-    if (examine(file) != 0) {
-        const int cause = errno;
-        if (file.input >= 0)
-            close_input(file);
-        if (cause != ENOENT) {
-            errno = cause;
-            report_error(0, 0, "file_str: Unable to stat file %s: %s\n", file.path, strerror(errno));
-            return 1;
-        }
-        file.existed = false;
+    target file{};
+    file.path = path;
+    const edit_end result = edit_locked(file, lines, action, mode);
+    file = {};
+    const int cause = errno;
+    if (lock_file_release(std::move(lock)) != 0 && result == edit_end::done) {
+        report_error(0, 0, "Error occurred while unlocking the file %s: %s\n", path, strerror(errno));
+        return edit_end::failed;
     }
-    if (perform(file, lines, action, mode) != 0)
-        return 1;
-    return file.chown_error == 0 && file.chmod_error == 0 ? 0 : report_dress(file);
+    if (result != edit_end::done)
+        errno = cause;
+    return result;
 }
 
 int make_file(const char *path, int flags, const char *verb)
 {
-    const int fd = safe_open(path, O_WRONLY | O_CREAT | flags, 0644);
-    if (fd < 0) {
-        report_error(0, 0, "Unable to %s file %s: %s", verb, path, strerror(errno));
-        return -1;
-    }
-    close(fd);
-    return 0;
+    const owned_fd fd(safe_open(path, O_WRONLY | O_CREAT | flags, 0644));
+    if (fd.get() >= 0)
+        return 0;
+    report_error(0, 0, "Unable to %s file %s: %s", verb, path, strerror(errno));
+    return -1;
 }
 
 } // namespace
 
 int file_str(const char *path, const char *const *lines, edit action, int mode)
 {
-    file_lock *lock = lock_file_exclusive(path, 1);
-    if (!lock_file_is_held(lock)) {
-        report_error(0, 0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
-        lock_file_release(lock);
-        return 1;
-    }
-    target file{};
-    file.path = path;
-    file.existed = true;
-    file.input = -1;
-    file.dir = safe_open_parent(path, file.name);
-    const int result = edit_locked(file, lines, action, mode);
-    if (file.input >= 0)
-        close(file.input);
-    close_dir(file.dir);
-    if (lock_file_release(lock) != 0 && result == 0) {
-        report_error(0, 0, "Error occurred while unlocking the file %s: %s\n", path, strerror(errno));
-        return 1;
-    }
-    return result;
+    return edit_file(path, lines, action, mode) == edit_end::done ? 0 : 1;
+}
+
+edit_end file_str_end(const char *path, const char *line, edit action, int mode)
+{
+    const char *const lines[] = {line, nullptr};
+    return edit_file(path, lines, action, mode);
 }
 
 int file_str_line(const char *path, const char *line, edit action, int mode)
 {
-    const char *const lines[] = {line, nullptr};
-    return file_str(path, lines, action, mode);
+    return file_str_end(path, line, action, mode) == edit_end::done ? 0 : 1;
 }
 
 int create_file(const char *path)

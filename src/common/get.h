@@ -1,27 +1,30 @@
 #pragma once
 
-#include <cstddef>
-#include <mysql.h>
+#include "common/panel_db.h"
 
-// Single values from the panel database. A lookup works on the connection that it is lent, or, given none, on one of
-// its own that it closes. Its result lies in a static buffer of 4096 bytes, cut to it, that the next lookup of the
-// same family overwrites: "" means no row or NULL, none that the question could not be asked (reported, not fatal).
+#include <cstddef>
+
+// Single values from the panel database. A lookup works on the connection that it is lent, or, given null, on one of
+// its own. Its result lies in a static buffer of 4096 bytes, cut to it, that the next lookup of the
+// same family overwrites: "" means no row or NULL, null that the question could not be asked (reported, not fatal).
 // A connection that cannot be opened is reported by its own message, then "Unable to connect to the mysql database\n".
 //
-// Every text that a lookup puts between quotes (its value, or all its texts) must be none or free of \ " and ': an
+// Every text that a lookup puts between quotes (its value, or all its texts) must be null or free of \ " and ': an
 // asserted precondition, in every build. Free text goes through db_escape and a query of the caller's own.
 
 // True when a text keeps that precondition.
 bool is_plain_text(const char *text);
 
-// The connection lent, or a new one when none is. A failed opening is reported as above, the second report with this
-// system-error flag, and gives none.
-MYSQL *lend_or_open(MYSQL *lent, int system_error_flag);
+// A connection that was lent, or one opened for want of it, which goes with the loan.
+struct db_loan {
+    MYSQL *db; // null when none could be opened, which has then been reported as above
+    owned_db own;
+};
 
-// Closes a connection that lend_or_open had to open.
-void close_own(MYSQL *db, const MYSQL *lent);
+// The second report of a failure has this system-error flag.
+db_loan lend_or_open(MYSQL *lent, int system_error_flag);
 
-// Family of the parameter buffer.
+// These three share one buffer.
 // A column of the query's first row. A failed query: "Unable to query parameter by query %s: %s\n".
 const char *get_param_by_query(const char *query, MYSQL *connection, unsigned column);
 // The value column of the first row whose key column equals the value.
@@ -38,7 +41,7 @@ const char *get_DomainService_Parameter(const char *domain_id, const char *servi
                                         MYSQL *connection);
 
 // The e-mail address of a domain's owner or, when that is empty, the panel administrator's. A failed query: "Unable
-// to define clients email: %s\n"; no address at all: "Unable to define admin email\n", and none.
+// to define clients email: %s\n"; no address at all: "Unable to define admin email\n", and null.
 const char *get_client_email(const char *domain_id, MYSQL *connection);
 
 // Copies the installed version of a panel component, cut to the buffer. Opens a connection of its own on every call.
@@ -49,8 +52,8 @@ void get_component_version(const char *package, char *output, std::size_t size);
 // get_component_version does.
 int is_component_installed(const char *package);
 
-// A new copy of the text, escaped for a quoted string of this connection; the caller frees it. None for none.
-char *db_escape(MYSQL *connection, const char *text);
+// A new copy of the text, escaped for a quoted string of this connection. Null for null.
+owned_text db_escape(MYSQL *connection, const char *text);
 
 // realloc() that never fails: without memory it reports "alloc(%d)" (the size) and ends the process.
 void *xrealloc(void *block, std::size_t size);

@@ -2,7 +2,6 @@
 
 #include "common/error.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <idna.h>
 
@@ -39,42 +38,40 @@ const char *idn_error_text(int code)
     return "Unknown error";
 }
 
-char *idn_toascii(const char *name)
+owned_text idn_toascii(const char *name)
 {
     char *ascii = nullptr;
     const int code = idna_to_ascii_8z(name, &ascii, 0);
     if (code == IDNA_MALLOC_ERROR)
         report_fatal(1, "Allocation failed");
     if (code == IDNA_SUCCESS)
-        return ascii;
+        return owned_text(ascii);
     idn_last_error = code;
     return nullptr;
 }
 
-char *idn_toascii_safe(const char *name)
+owned_text idn_toascii_safe(const char *name)
 {
-    char *ascii = idn_toascii(name);
+    owned_text ascii = idn_toascii(name);
     if (!ascii)
         report_fatal(1, "%s(%s) failed: %s", __func__, name, idn_error_text(idn_last_error));
     return ascii;
 }
 
-char *idn_email_toascii(const char *address)
+owned_text idn_email_toascii(const char *address)
 {
     const char *at = strchr(address, '@');
     if (!at)
         return nullptr;
-    char *domain = idn_toascii(at + 1);
+    const owned_text domain = idn_toascii(at + 1);
     if (!domain)
         return nullptr;
-    char *converted = alloc_printf("%.*s@%s", static_cast<int>(at - address), address, domain);
-    free(domain);
-    return converted;
+    return alloc_printf("%.*s@%s", static_cast<int>(at - address), address, domain.get());
 }
 
-char *idn_email_toascii_safe(const char *address)
+owned_text idn_email_toascii_safe(const char *address)
 {
-    char *converted = idn_email_toascii(address);
+    owned_text converted = idn_email_toascii(address);
     if (!converted)
         report_fatal(1, "%s(%s) failed: %s", __func__, address, idn_error_text(idn_last_error));
     return converted;

@@ -12,54 +12,47 @@ namespace {
 
 constexpr const char *password_path = "/etc/vlq/.vlq.shadow";
 
-// Closes the connection of a failed preparation, keeping the reason. Returns none for its caller.
-MYSQL *give_up(MYSQL *db, const char *label, std::span<char> message)
+// Says why the connection could not be prepared. Returns false for its caller.
+bool give_up(MYSQL *db, const char *label, std::span<char> message)
 {
     if (mysql_errno(db) != 0)
         format_text(message, "DB error (%s) %u: %s", label, mysql_errno(db), mysql_error(db));
     else
         format_text(message, "DB error (%s): unknown error", label);
-    mysql_close(db);
-    return nullptr;
+    return false;
 }
 
 // True when the panel says that it speaks the character sets of the servers since 4.1. A setting that cannot be read
 // counts as no.
 bool is_mysql41_compatible(MYSQL *db)
 {
-    MYSQL_RES *result = mysql_store_result(db);
-    const MYSQL_ROW row = result ? mysql_fetch_row(result) : nullptr;
-    const bool compatible = row && row[0] && row[0][0] != '\0' && strcmp(row[0], "false") != 0;
-    mysql_free_result(result);
-    return compatible;
+    const owned_rows result(mysql_store_result(db));
+    const MYSQL_ROW row = result ? mysql_fetch_row(result.get()) : nullptr;
+    return row && row[0] && row[0][0] != '\0' && strcmp(row[0], "false") != 0;
 }
 
-MYSQL *choose_names(MYSQL *db, std::span<char> message)
+bool choose_names(MYSQL *db, std::span<char> message)
 {
     if (mysql_query(db, "SELECT val FROM misc WHERE param='mysql41_compatible'") != 0)
         return give_up(db, "mysql41 compatible query", message);
     const char *names = is_mysql41_compatible(db) ? "SET NAMES utf8" : "SET NAMES binary";
-    if (mysql_query(db, names) != 0)
-        return give_up(db, "set names query", message);
-    return db;
+    return mysql_query(db, names) == 0 || give_up(db, "set names query", message);
 }
 
-MYSQL *prepare(MYSQL *db, std::span<char> message)
+bool prepare(MYSQL *db, std::span<char> message)
 {
     mysql_query(db, "set foreign_key_checks=0");
     if (mysql_query(db, "SHOW VARIABLES LIKE 'version'") != 0)
         return give_up(db, "query version", message);
-    MYSQL_RES *result = mysql_store_result(db);
+    owned_rows result(mysql_store_result(db));
     if (!result)
         return give_up(db, "store query result", message);
-    const MYSQL_ROW row = mysql_fetch_row(result);
-    if (!row || !row[1]) {
-        mysql_free_result(result);
+    const MYSQL_ROW row = mysql_fetch_row(result.get());
+    if (!row || !row[1])
         return give_up(db, row ? "empty version result" : "fetch version row", message);
-    }
     const bool knows_names = strncmp(row[1], "3.", 2) != 0 && strncmp(row[1], "4.0.", 4) != 0;
-    mysql_free_result(result);
-    return knows_names ? choose_names(db, message) : db;
+    result.reset(); // before the next query
+    return !knows_names || choose_names(db, message);
 }
 
 } // namespace
@@ -83,48 +76,47 @@ int read_admin_password(std::span<char> password, std::span<char> message)
     return 0;
 }
 
-MYSQL *panel_db_connect(std::span<char> message)
+owned_db panel_db_connect(std::span<char> message)
 {
     char password[100];
     if (read_admin_password(password, message) != 0)
         return nullptr;
-    MYSQL *db = mysql_init(nullptr);
+    owned_db db(mysql_init(nullptr));
     if (!db) {
         format_text(message, "Unable to initialize MySQL connection structure: %s", strerror(ENOMEM));
         errno = ENOMEM;
         return nullptr;
     }
-    if (!mysql_real_connect(db, nullptr, "admin", password, "vlq", 0, nullptr, 0)) {
-        format_text(message, "Unable to connect to Velqa Database: %s", mysql_error(db));
-        mysql_close(db);
+    if (!mysql_real_connect(db.get(), nullptr, "admin", password, "vlq", 0, nullptr, 0)) {
+        format_text(message, "Unable to connect to Velqa Database: %s", mysql_error(db.get()));
         return nullptr;
     }
     fcntl(static_cast<int>(db->net.fd), F_SETFD, FD_CLOEXEC); // the client library leaves it open for our children
-    return prepare(db, message);
+    return prepare(db.get(), message) ? std::move(db) : nullptr;
 }
 
-MYSQL *panel_db_open()
+owned_db panel_db_open()
 {
     char message[text_size + 1];
-    MYSQL *db = panel_db_connect(message);
+    owned_db db = panel_db_connect(message);
     if (!db)
         report_error(0, 0, "%s", message);
     return db;
 }
 
-MYSQL_RES *panel_db_rows(MYSQL *db, const char *query)
+owned_rows panel_db_rows(MYSQL *db, const char *query)
 {
-    return mysql_real_query(db, query, strlen(query)) == 0 ? mysql_store_result(db) : nullptr;
+    return owned_rows(mysql_real_query(db, query, strlen(query)) == 0 ? mysql_store_result(db) : nullptr);
 }
 
-MYSQL_RES *panel_db_rows_safe(MYSQL *db, int system_error_flag, const char *what, const char *format, ...)
+owned_rows panel_db_rows_safe(MYSQL *db, int system_error_flag, const char *what, const char *format, ...)
 {
-    char query[text_size];
+    text query;
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(query, sizeof query, format, arguments);
+    vsnprintf(query.bytes, sizeof query.bytes, format, arguments);
     va_end(arguments);
-    MYSQL_RES *rows = panel_db_rows(db, query);
+    owned_rows rows = panel_db_rows(db, query);
     if (!rows)
         report_fatal(system_error_flag, "Unable to query %s: %s", what, mysql_error(db));
     return rows;

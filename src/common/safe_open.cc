@@ -1,316 +1,231 @@
 #include "common/safe_open.h"
 
-#include "common/error.h"
+#include "common/owned.h"
 
 #include <cerrno>
-#include <climits>
-#include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <string>
-#include <string_view>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr int max_links = 40; // as many as the kernel follows in one path
+constexpr int max_tries = 20; // at a place where somebody keeps changing what stands there
 
-// Where a path ends: an entry, there or not, of an open directory.
-struct place {
-    int dir;
-    std::string name;
-    int links;   // followed so far
-    uid_t owner; // of the last directory, not root's, that held one of them; root where there was none
+// How something is to be opened.
+struct request {
+    int flags;
+    mode_t mode;
+    bool is_lock;
+    int links; // followed so far
 };
 
-int close_failed(int fd)
+int fail(int error)
 {
-    const int cause = errno;
-    close_dir(fd);
-    errno = cause;
+    errno = error;
     return -1;
 }
 
-int refuse(int fd, int error)
+// Judges what was opened in a directory that is not root's alone, and empties it if that is wanted.
+bool accept(const safe_dir &dir, int fd, const request &wanted, safe_opened &opened)
 {
-    errno = error;
-    return close_failed(fd);
-}
-
-// Puts another directory into its place; false when there is none.
-bool enter(place &at, int dir)
-{
-    if (dir < 0)
+    if (fstat(fd, &opened.status) != 0)
         return false;
-    close_dir(at.dir);
-    at.dir = dir;
-    return true;
+    opened.stays_his = S_ISREG(opened.status.st_mode);
+    if (wanted.is_lock && opened.stays_his)
+        return true;
+    if (!is_usable(dir.status, opened.status))
+        return fail(EMLINK) == 0;
+    return (wanted.flags & O_TRUNC) == 0 || opened.status.st_size == 0 || ftruncate(fd, 0) == 0;
 }
 
-// The owner of a directory, or root when it can't be told.
-uid_t owner_of(int dir)
+// Makes a file where nothing stands; one that takes the place of a regular file gets that one's group and bits.
+int make_entry(const safe_dir &dir, const char *name, const request &wanted, const struct stat &former)
 {
-    struct stat status;
-    return fstatat(dir, "", &status, AT_EMPTY_PATH) == 0 ? status.st_uid : 0;
+    const bool replaces = S_ISREG(former.st_mode);
+    owned_fd made(openat(dir.fd, name, wanted.flags | O_CREAT | O_EXCL, replaces ? 0600 : wanted.mode));
+    if (made.get() < 0 || (fchown(made.get(), dir.status.st_uid, replaces ? former.st_gid : dir.status.st_gid) == 0 &&
+                           (!replaces || fchmod(made.get(), former.st_mode & 07777) == 0)))
+        return made.release();
+    const int cause = errno;
+    unlinkat(dir.fd, name, 0);
+    return fail(cause);
 }
 
-// What an entry opened with O_PATH leads to, when it is a link of root's. One of several names may have been given to
-// it by anybody, anywhere.
-bool read_link(int entry, place &at, std::string &target)
+int open_entry(const safe_dir &dir, const char *name, request &wanted, safe_opened &opened);
+
+int open_end(const safe_dir &dir, const char *name, request &wanted, safe_opened &opened)
 {
-    struct stat status;
-    char text[PATH_MAX];
-    if (fstat(entry, &status) != 0)
-        return false;
-    if (status.st_uid != 0 || status.st_nlink != 1 || ++at.links > max_links) {
-        errno = ELOOP;
-        return false;
-    }
-    if (const uid_t owner = owner_of(at.dir); owner != 0)
-        at.owner = owner;
-    const ssize_t length = readlinkat(entry, "", text, sizeof text);
-    target.assign(text, length < 0 ? 0 : static_cast<std::size_t>(length));
-    return length > 0;
+    safe_end end;
+    if (!safe_find_end(dir, name, wanted.links, end))
+        return -1;
+    const int fd = open_entry({end.fd.get(), end.status}, end.name.c_str(), wanted, opened);
+    opened.through_link = true;
+    return fd;
 }
 
-bool is_link(int entry)
+int open_entry(const safe_dir &dir, const char *name, request &wanted, safe_opened &opened)
 {
-    struct stat status;
-    return fstat(entry, &status) == 0 && S_ISLNK(status.st_mode);
-}
-
-// Goes part by part down to the last one.
-bool descend(place &at, std::string path)
-{
-    for (;;) {
-        if (path.starts_with('/') && !enter(at, open("/", O_PATH | O_CLOEXEC)))
-            return false;
-        path.erase(0, path.find_first_not_of('/'));
-        at.name = path.substr(0, path.find('/'));
-        path.erase(0, path.find_first_not_of('/', at.name.size()));
-        if (path.empty())
-            return true;
-        const int entry = openat(at.dir, at.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
-        if (entry < 0)
-            return false;
-        if (std::string target; !is_link(entry)) {
-            enter(at, entry);
-        } else if (read_link(entry, at, target)) {
-            close(entry);
-            path.insert(0, target + "/");
-        } else {
-            return close_failed(entry) == 0;
-        }
-    }
-}
-
-// Opens what the place holds, following it on where it is a link of root's.
-int open_place(place &at, int flags, mode_t mode)
-{
-    for (;;) {
-        if (at.name.empty())
-            at.name = ".";
-        const bool may_create = at.owner == 0 || owner_of(at.dir) == at.owner;
-        const int fd = openat(at.dir, at.name.c_str(), (may_create ? flags : flags & ~O_CREAT) | O_NOFOLLOW, mode);
-        if (fd >= 0 || (errno != ELOOP && errno != ENOTDIR))
-            return fd;
+    const bool is_alone = is_root_alone(dir.status);
+    const bool wants_dir = (wanted.flags & O_DIRECTORY) != 0;
+    const int flags = is_alone ? wanted.flags : wanted.flags & ~(O_CREAT | O_TRUNC);
+    struct stat entry {};
+    for (int tries = 0; tries < max_tries; ++tries) {
+        owned_fd fd(openat(dir.fd, name, flags, wanted.mode));
+        if (fd.get() >= 0 && (is_alone || wants_dir || accept(dir, fd.get(), wanted, opened)))
+            return fd.release();
         const int cause = errno;
-        const int entry = openat(at.dir, at.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
-        if (entry < 0 || !is_link(entry))
-            return refuse(entry, cause);
-        std::string target;
-        if (!read_link(entry, at, target))
-            return close_failed(entry);
-        close(entry);
-        if (!descend(at, target))
+        if (fd.get() < 0 && cause == ENOENT && !is_alone && (wanted.flags & O_CREAT) != 0) {
+            const int made = make_entry(dir, name, wanted, entry);
+            if (made >= 0 || errno != EEXIST)
+                return made;
+            continue;
+        }
+        if (cause == ENOENT || fstatat(dir.fd, name, &entry, AT_SYMLINK_NOFOLLOW) != 0)
+            return -1;
+        const bool is_link = S_ISLNK(entry.st_mode);
+        if (is_link && is_alone && entry.st_uid == 0)
+            return open_end(dir, name, wanted, opened);
+        if (is_link && wants_dir)
+            return safe_follow(dir, name, entry.st_uid, wanted.flags);
+        if (!is_link && (is_alone || is_usable(dir.status, entry)))
+            return fail(cause);
+        if ((wanted.flags & O_TRUNC) == 0 || wanted.is_lock)
+            return fail(is_link ? ELOOP : EMLINK);
+        if (unlinkat(dir.fd, name, 0) != 0 && errno != ENOENT)
             return -1;
     }
+    return fail(ELOOP);
 }
 
-bool is_empty_dir(int fd)
-{
-    const int own = openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR *stream = own < 0 ? nullptr : fdopendir(own);
-    if (!stream)
-        return close_failed(own) == 0;
-    int entries = 0;
-    while (readdir(stream))
-        ++entries;
-    closedir(stream);
-    return entries <= 2; // itself and the one above
-}
-
-// Whoever owns a directory can move root's link in it to where root did not mean it to be. So it may lead only to what
-// is his, or stands in a directory of his, or to a new home that root has made for him.
-bool is_within_rights(const place &at, int fd, const struct stat &status)
-{
-    return at.owner == 0 || status.st_uid == at.owner || owner_of(at.dir) == at.owner ||
-           (S_ISDIR(status.st_mode) && status.st_uid == 0 && is_empty_dir(fd));
-}
-
-// Whether a file's only name is the one by which it was opened. The count alone does not tell: a second name that was
-// removed after the file was opened by it is no longer counted. The kernel marks such an open file.
-bool has_one_name(int fd, const struct stat &status)
-{
-    constexpr std::string_view mark = " (deleted)";
-    char link[64];
-    char path[PATH_MAX];
-    format_text(link, "/proc/self/fd/%d", fd);
-    const ssize_t length = status.st_nlink == 1 ? readlink(link, path, sizeof path) : -1;
-    return length > 0 && !std::string_view(path, static_cast<std::size_t>(length)).ends_with(mark);
-}
-
-// 0 for a file that may be used, the error for one that may not.
-int judge(const place &at, int fd)
-{
-    struct stat status;
-    if (fstat(fd, &status) != 0)
-        return errno;
-    if (!is_within_rights(at, fd, status))
-        return ELOOP;
-    const uid_t owner = owner_of(at.dir);
-    if (owner == 0)
-        return 0;
-    if (S_ISFIFO(status.st_mode))
-        return EPERM;
-    return S_ISREG(status.st_mode) && status.st_uid != owner && !has_one_name(fd, status) ? EMLINK : 0;
-}
-
-int empty_file(int fd)
-{
-    struct stat status;
-    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0 ? ftruncate(fd, 0) : 0;
-}
-
-// The kernel's own way in one call where no link is met, part by part where one is.
-int open_dir(const std::string &path)
-{
-    open_how how = {O_PATH | O_DIRECTORY | O_CLOEXEC, 0, RESOLVE_NO_SYMLINKS};
-    const long fd = syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how);
-    if (fd >= 0 || (errno != ELOOP && errno != ENOSYS && errno != EPERM)) // EPERM: a filter that does not know the call
-        return static_cast<int>(fd);
-    place at = {openat(AT_FDCWD, ".", O_PATH | O_CLOEXEC), "", 0, 0};
-    const int dir = at.dir >= 0 && descend(at, path) ? open_place(at, O_PATH | O_DIRECTORY | O_CLOEXEC, 0) : -1;
-    const int refused = dir < 0 ? errno : judge(at, dir);
-    close_dir(at.dir);
-    return refused == 0 ? dir : refuse(dir, refused);
-}
-
-// Does something with an open file and closes it.
-template <typename Change> int change_file(const char *path, int flags, Change change)
+int open_at(const safe_dir &dir, const char *name, int flags, mode_t mode, bool is_lock, safe_opened &opened)
 {
     const int former_errno = errno;
-    const int fd = safe_open(path, O_RDONLY | flags);
-    if (fd < 0)
-        return -1;
-    if (change(fd) != 0)
-        return close_failed(fd);
-    close(fd);
-    errno = former_errno;
-    return 0;
+    request wanted = {flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode, is_lock, 0};
+    opened = {};
+    const int fd = open_entry(dir, name, wanted, opened);
+    if (fd >= 0)
+        errno = former_errno;
+    return fd;
 }
 
-// Does something with an entry of the directory that holds it.
-template <typename Change> int change_entry(const char *path, Change change)
+int open_path(const char *path, int flags, mode_t mode, bool is_lock, safe_opened &opened)
 {
-    const int former_errno = errno;
+    safe_dir dir{};
     const char *name = nullptr;
-    const int dir = safe_open_parent(path, name);
-    if (dir == -1)
-        return -1;
-    if (change(dir, name) != 0)
-        return close_failed(dir);
-    close_dir(dir);
-    errno = former_errno;
-    return 0;
+    return safe_find_dir(path, dir, name) ? open_at(dir, name, flags, mode, is_lock, opened) : -1;
+}
+
+// Opens what is to be given an owner or bits.
+int open_to_give(const safe_dir &dir, const char *name, safe_kind kind, safe_opened &opened)
+{
+    const int former_errno = errno;
+    if (kind == safe_kind::directory) {
+        const int fd = open_at(dir, name, O_RDONLY | O_DIRECTORY, 0, false, opened);
+        if (fd >= 0 || errno != ENOTDIR)
+            return fd;
+        errno = former_errno;
+    }
+    return open_at(dir, name, O_RDONLY, 0, false, opened);
+}
+
+int open_to_give(const char *path, safe_kind kind, safe_opened &opened)
+{
+    safe_dir dir{};
+    const char *name = nullptr;
+    return safe_find_dir(path, dir, name) ? open_to_give(dir, name, kind, opened) : -1;
+}
+
+// A directory that is made may be named with slashes at the end, as no other new entry may.
+std::string without_slashes(std::string path)
+{
+    while (path.size() > 1 && path.ends_with('/'))
+        path.pop_back();
+    return path;
+}
+
+int give_owner(int fd, const safe_opened &opened, uid_t uid, gid_t gid)
+{
+    return fchown(fd, opened.stays_his ? static_cast<uid_t>(-1) : uid, gid);
 }
 
 } // namespace
 
-int safe_open_at(int dir_fd, const char *name, int flags, mode_t mode)
+bool is_refusal(int error)
 {
-    const int former_errno = errno;
-    const int checked_flags = (flags & ~O_TRUNC) | O_NONBLOCK | O_CLOEXEC;
-    int fd = openat(dir_fd, name, checked_flags | O_NOFOLLOW, mode);
-    int refused = fd < 0 ? errno : judge({dir_fd, "", 0, 0}, fd);
-    if (fd < 0 && (refused == ELOOP || refused == ENOTDIR)) {
-        place at = {openat(dir_fd, ".", O_PATH | O_CLOEXEC), name, 0, 0};
-        fd = at.dir < 0 ? -1 : open_place(at, checked_flags, mode);
-        refused = fd < 0 ? errno : judge(at, fd);
-        close_dir(at.dir);
-    }
-    if (refused != 0)
-        return refuse(fd, refused);
-    if ((flags & O_TRUNC) != 0 && empty_file(fd) != 0)
-        return close_failed(fd);
-    errno = former_errno;
-    return fd;
+    return error == ELOOP || error == EMLINK;
 }
 
-int safe_open_parent(const char *path, const char *&name)
+int safe_open_at(const safe_dir &dir, const char *name, int flags, mode_t mode, safe_opened &opened)
 {
-    if (*path == '\0') {
-        errno = ENOENT;
-        return -1;
-    }
-    const char *slash = strrchr(path, '/');
-    name = slash ? slash + 1 : path;
-    if (*name == '\0')
-        name = ".";
-    if (!slash)
-        return AT_FDCWD;
-    const int former_errno = errno;
-    const int dir = open_dir({path, static_cast<std::size_t>(slash - path) + 1});
-    if (dir >= 0)
-        errno = former_errno;
-    return dir;
-}
-
-void close_dir(int dir_fd)
-{
-    if (dir_fd >= 0)
-        close(dir_fd);
+    owned_fd fd(open_at(dir, name, flags, mode, false, opened));
+    const bool known = fd.get() < 0 || opened.status.st_mode != 0;
+    return known || fstat(fd.get(), &opened.status) == 0 ? fd.release() : -1;
 }
 
 int safe_open(const char *path, int flags, mode_t mode)
 {
-    const char *name = nullptr;
-    const int dir = safe_open_parent(path, name);
-    if (dir == -1)
-        return -1;
-    const int fd = safe_open_at(dir, name, flags, mode);
-    const int cause = errno;
-    close_dir(dir);
-    errno = cause;
-    return fd;
+    safe_opened opened;
+    return open_path(path, flags, mode, false, opened);
+}
+
+int safe_open_lock(const char *path, int flags, mode_t mode)
+{
+    safe_opened opened;
+    return open_path(path, flags, mode, true, opened);
 }
 
 int safe_mkdir(const char *path, mode_t mode)
 {
-    std::string entry = path; // which may end in slashes, as no other new entry may
-    while (entry.size() > 1 && entry.ends_with('/'))
-        entry.pop_back();
-    return change_entry(entry.c_str(), [mode](int dir, const char *name) { return mkdirat(dir, name, mode); });
+    const std::string entry = without_slashes(path);
+    safe_dir dir{};
+    const char *name = nullptr;
+    return safe_find_dir(entry.c_str(), dir, name) ? mkdirat(dir.fd, name, mode) : -1;
 }
 
-int safe_chown(const char *path, uid_t uid, gid_t gid)
+safe_step safe_make_dir(const char *path, uid_t uid, gid_t gid, mode_t mode)
 {
-    return change_file(path, 0, [uid, gid](int fd) { return fchown(fd, uid, gid); });
+    const std::string entry = without_slashes(path);
+    safe_dir dir{};
+    const char *name = nullptr;
+    if (!safe_find_dir(entry.c_str(), dir, name) || (mkdirat(dir.fd, name, mode) != 0 && errno != EEXIST))
+        return safe_step::mkdir;
+    safe_opened opened;
+    const owned_fd fd(open_to_give(dir, name, safe_kind::directory, opened));
+    return fd.get() >= 0 && give_owner(fd.get(), opened, uid, gid) == 0 ? safe_step::none : safe_step::chown;
 }
 
-int safe_chmod(const char *path, mode_t mode)
+int safe_chown(const char *path, safe_kind kind, uid_t uid, gid_t gid)
 {
-    return change_file(path, 0, [mode](int fd) { return fchmod(fd, mode); });
+    safe_opened opened;
+    const owned_fd fd(open_to_give(path, kind, opened));
+    return fd.get() < 0 ? -1 : give_owner(fd.get(), opened, uid, gid);
+}
+
+int safe_chmod(const char *path, safe_kind kind, mode_t mode)
+{
+    safe_opened opened;
+    const owned_fd fd(open_to_give(path, kind, opened));
+    return fd.get() < 0 ? -1 : fchmod(fd.get(), mode);
+}
+
+safe_step safe_give(const char *path, safe_kind kind, uid_t uid, gid_t gid, mode_t mode)
+{
+    safe_opened opened;
+    const owned_fd fd(open_to_give(path, kind, opened));
+    if (fd.get() < 0 || give_owner(fd.get(), opened, uid, gid) != 0)
+        return safe_step::chown;
+    return fchmod(fd.get(), mode) == 0 ? safe_step::none : safe_step::chmod;
 }
 
 int safe_chdir(const char *path)
 {
-    return change_file(path, O_DIRECTORY, [](int fd) { return fchdir(fd); });
+    const owned_fd fd(safe_open(path, O_PATH | O_DIRECTORY));
+    return fd.get() < 0 ? -1 : fchdir(fd.get());
 }
 
 int safe_unlink(const char *path)
 {
-    return change_entry(path, [](int dir, const char *name) { return unlinkat(dir, name, 0); });
+    safe_dir dir{};
+    const char *name = nullptr;
+    return safe_find_dir(path, dir, name) ? unlinkat(dir.fd, name, 0) : -1;
 }

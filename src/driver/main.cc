@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
@@ -46,12 +47,25 @@ void fill_standard_descriptors()
 }
 
 // A limit of file sizes or a reader that has gone must not end the run half-way: the write that fails is reported like
-// any other. Handlers, since ignored signals would stay ignored in every program that the run starts.
-void outlive_failing_writes()
+// any other. And no child could be waited for while a caller's SIGCHLD is ignored.
+void settle_signals()
 {
-    for (const int number : {SIGPIPE, SIGXFSZ})
-        if (signal(number, [](int) {}) == SIG_IGN)
-            signal(number, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
+    signal(SIGCHLD, SIG_DFL);
+}
+
+// Nothing of the caller's steers the client library, the shell or the scripts, as service(8) has it.
+void settle_environment()
+{
+    const char *language = getenv("LANG");
+    const char *terminal = getenv("TERM");
+    clearenv();
+    setenv("PATH", "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", 1);
+    if (language)
+        setenv("LANG", language, 1);
+    if (terminal)
+        setenv("TERM", terminal, 1);
 }
 
 [[noreturn]] void end_with_usage()
@@ -74,7 +88,8 @@ int main(int argc, char **argv)
 {
     program_name = argv[0];
     fill_standard_descriptors();
-    outlive_failing_writes();
+    settle_signals();
+    settle_environment();
     if (setuid(0) != 0 || setgid(0) != 0)
         report_fatal(1, "Unable to set UID or GID: %s\n", strerror(errno));
     if (argc != 2 && argc != 3)

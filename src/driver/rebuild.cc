@@ -5,7 +5,9 @@
 #include "common/error.h"
 #include "common/file_str.h"
 #include "common/get.h"
+#include "common/names.h"
 #include "common/panel_db.h"
+#include "common/safe_open.h"
 #include "filters/antivirus.h"
 #include "qmail/domain.h"
 #include "qmail/forward.h"
@@ -14,12 +16,17 @@
 #include "qmail/nonexist.h"
 #include "qmail/quota.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <crypt.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +37,8 @@ struct rebuild_pass {
     MYSQL *db;
     int short_names_disabled;
     char salt[12]; // "$1$", eight characters, NUL: one salt for every password that the run encrypts
+    std::map<std::string, unsigned long long> domains; // by their ASCII form: the lowest id of those that have it
+    std::map<std::string, std::string> aliases;        // by their ASCII form: the id of the domain of the first
 };
 
 struct domain_row {
@@ -39,24 +48,33 @@ struct domain_row {
 };
 
 // The columns of a mail name's row, in the order of its query.
-enum mail_column {
-    mail_id,
-    mail_name,
-    mail_postbox,
-    account_type,
-    account_password,
-    mail_redirect,
-    mail_redir_addr,
-    mail_group,
-    mail_autoresponder,
-    mail_mbox_quota,
-};
+#define MAIL_COLUMNS(COLUMN)                                                                                           \
+    COLUMN(mail_id, "m.id")                                                                                            \
+    COLUMN(mail_name, "m.mail_name")                                                                                   \
+    COLUMN(mail_postbox, "m.postbox")                                                                                  \
+    COLUMN(account_type, "a.type")                                                                                     \
+    COLUMN(account_password, "a.password")                                                                             \
+    COLUMN(mail_redirect, "m.redirect")                                                                                \
+    COLUMN(mail_redir_addr, "m.redir_addr")                                                                            \
+    COLUMN(mail_group, "m.mail_group")                                                                                 \
+    COLUMN(mail_autoresponder, "m.autoresponder")                                                                      \
+    COLUMN(mail_mbox_quota, "m.mbox_quota")
+
+#define COLUMN_NAME(name, source) name,
+enum mail_column { MAIL_COLUMNS(COLUMN_NAME) };
+#undef COLUMN_NAME
+#define COLUMN_SOURCE(name, source) ", " source
+constexpr const char *mail_columns = &(MAIL_COLUMNS(COLUMN_SOURCE))[2]; // behind the first ", "
+#undef COLUMN_SOURCE
+
+// The columns of a domain's row.
+enum domain_column { domain_id, domain_name, domain_status, service_status };
+constexpr const char *domain_query = "SELECT d.id, d.name, d.status, s.status FROM domains d "
+                                     "LEFT JOIN DomainServices s ON d.id=s.dom_id WHERE s.type='mail'";
 
 void empty_file(const char *below)
 {
-    text_buffer path;
-    qmail_path(path, below);
-    truncate_or_create_file(path);
+    truncate_or_create_file(qmail_path(below));
 }
 
 void empty_qmail_files()
@@ -64,9 +82,7 @@ void empty_qmail_files()
     empty_file("/control/rcpthosts");
     empty_file("/control/virtualdomains");
     empty_file("/users/assign");
-    text_buffer path;
-    qmail_path(path, "/users/assign");
-    file_str_line(path, ".\n", edit::add, at_end);
+    file_str_line(qmail_path("/users/assign"), ".\n", edit::add, at_end);
 
     const mode_t former = umask(077); // a new one is about to hold password hashes
     empty_file("/users/poppasswd");
@@ -79,23 +95,23 @@ void prepare_mailnames_dir(gid_t qmail_gid)
     if (stat(QMAIL_MAILNAMES_D, &status) != 0) {
         if (errno != ENOENT)
             report_fatal(1, "ERROR: Unable to stat for mailnames dir: %s", strerror(errno));
-        if (mkdir(QMAIL_MAILNAMES_D, 0755) != 0)
+        if (safe_mkdir(QMAIL_MAILNAMES_D, 0755) != 0)
             report_fatal(1, "ERROR: Unable to mkdir for mailnames dir: %s", strerror(errno));
     }
-    if (chown(QMAIL_MAILNAMES_D, 0, qmail_gid) != 0)
-        report_fatal(1, "ERROR: Unable to chown for mailnames dir: %s", strerror(errno));
-    if (chmod(QMAIL_MAILNAMES_D, 0755) != 0)
-        report_fatal(1, "ERROR: Unable to chmod for mailnames dir: %s", strerror(errno));
+    const safe_step failed = safe_give(QMAIL_MAILNAMES_D, safe_kind::directory, 0, qmail_gid, 0755);
+    if (failed != safe_step::none)
+        report_fatal(1, "ERROR: Unable to %s for mailnames dir: %s", failed == safe_step::chown ? "chown" : "chmod",
+                     strerror(errno));
 }
 
 void prepare_ground()
 {
     const gid_t qmail_gid = get_user_id("qmails", 1);
-    if (chdir(QMAIL_ROOT_D) != 0)
+    if (safe_chdir(QMAIL_ROOT_D) != 0)
         report_fatal(1, "ERROR: Unable to chdir to qmail dir: %s", strerror(errno));
     empty_qmail_files();
     prepare_mailnames_dir(qmail_gid);
-    if (chdir(QMAIL_MAILNAMES_D) != 0)
+    if (safe_chdir(QMAIL_MAILNAMES_D) != 0)
         report_fatal(1, "WARNING: Unable to chdir to mailnames dir: %s", strerror(errno));
 }
 
@@ -110,7 +126,7 @@ int short_pop3_names_allowed(MYSQL *db)
     return !value || strcmp(value, "disabled") != 0;
 }
 
-// Writes or removes the quota of a domain (mail_name none) or a mail name from its text in bytes.
+// Writes or removes the quota of a domain (mail_name null) or a mail name from its text in bytes.
 void rebuild_quota(const char *domain, const char *name, const char *text)
 {
     long quota = -1;
@@ -122,60 +138,95 @@ void rebuild_quota(const char *domain, const char *name, const char *text)
         report_error(0, 0, "Warning: unable to write mailbox quota\n");
 }
 
-void rebuild_domain_aliases(const rebuild_pass &pass, const domain_row &domain)
+// Whether an alias has the ASCII form of a domain that the pass walks or of an earlier alias. A domain that is walked
+// twice has its own aliases twice; `seen` are those of this walk.
+bool is_taken(rebuild_pass &pass, std::set<std::string> &seen, const char *domain_id, const char *alias)
 {
-    MYSQL_RES *rows = panel_db_rows_safe(pass.db, 1, "domain aliases",
-                                         "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'",
-                                         domain.id, 0U);
-    while (const MYSQL_ROW row = mysql_fetch_row(rows)) {
-        add_domain_alias(domain.name, row[0]);
+    const auto key = domain_key(alias);
+    if (!key)
+        return false;
+    const bool is_free = !pass.domains.contains(*key) && seen.insert(*key).second;
+    return !is_free || pass.aliases.emplace(*key, domain_id).first->second != domain_id;
+}
+
+void rebuild_domain_aliases(rebuild_pass &pass, const domain_row &domain)
+{
+    const owned_rows rows = panel_db_rows_safe(
+        pass.db, 1, "domain aliases", "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'",
+        domain.id, 0U);
+    std::set<std::string> seen;
+    while (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
+        const char *alias = row[0];
+        if (is_unfit_domain(alias)) {
+            report_error(0, 0, "Warning: domain alias %s is passed over: the name is unfit\n", alias);
+            continue;
+        }
+        if (is_taken(pass, seen, domain.id, alias)) {
+            report_error(0, 0, "Warning: domain alias %s is passed over: another has its ASCII form\n", alias);
+            continue;
+        }
+        add_domain_alias(domain.name, alias);
         const char *policy = get_DomainService_Parameter(domain.id, "mail", "nonexist_mail", pass.db);
         if (policy && strcmp(policy, "reject") == 0)
-            renew_reject(row[0]);
+            renew_reject(alias);
     }
-    mysql_free_result(rows);
 }
 
 const char *encrypt_password(const rebuild_pass &pass, const domain_row &domain, const MYSQL_ROW mail)
 {
     const char *password = mail[account_password] ? mail[account_password] : "";
-    if (mail[account_type] && strcmp(mail[account_type], "crypt") == 0)
-        return password;
-    const char *encrypted = crypt(password, pass.salt);
-    if (encrypted && encrypted[0] != '*')
+    const bool is_stored = mail[account_type] && strcmp(mail[account_type], "crypt") == 0;
+    const char *encrypted = is_stored ? password : crypt(password, pass.salt);
+    if (is_stored ? !is_unfit_hash(encrypted) : encrypted && encrypted[0] != '*')
         return encrypted;
     report_error(0, 0, "Warning: unable to encrypt password for %s@%s\n", mail[mail_name], domain.name);
     return "*0"; // a record that no password matches
 }
 
+void rebuild_forward(const domain_row &domain, const MYSQL_ROW mail, const char *address)
+{
+    if (is_more_than_line(address))
+        report_error(0, 0, "Warning: an address of %s@%s is passed over: it is more than a line\n", mail[mail_name],
+                     domain.name);
+    else
+        add_forward(mail[mail_name], domain.name, address);
+}
+
 void rebuild_group(const rebuild_pass &pass, const domain_row &domain, const MYSQL_ROW mail)
 {
-    MYSQL_RES *rows = panel_db_rows_safe(pass.db, 1, "mailgroup members",
-                                         "SELECT address FROM mail_redir WHERE mn_id=%s", mail[mail_id]);
-    while (const MYSQL_ROW row = mysql_fetch_row(rows))
+    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "mailgroup members",
+                                               "SELECT address FROM mail_redir WHERE mn_id=%s", mail[mail_id]);
+    while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
         if (row[0])
-            add_forward(mail[mail_name], domain.name, row[0]);
-    mysql_free_result(rows);
+            rebuild_forward(domain, mail, row[0]);
 }
 
 void rebuild_mail_aliases(const rebuild_pass &pass, const domain_row &domain, const MYSQL_ROW mail)
 {
-    MYSQL_RES *rows = panel_db_rows_safe(pass.db, 1, "alias for mail", "SELECT alias FROM mail_aliases WHERE mn_id=%s",
-                                         mail[mail_id]);
-    while (const MYSQL_ROW row = mysql_fetch_row(rows))
-        add_mail_alias(mail[mail_name], domain.name, row[0]);
-    mysql_free_result(rows);
+    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "alias for mail",
+                                               "SELECT alias FROM mail_aliases WHERE mn_id=%s", mail[mail_id]);
+    while (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
+        if (is_unfit_name(row[0]))
+            report_error(0, 0, "Warning: mail alias %s of %s is passed over: the name is unfit\n", row[0], domain.name);
+        else
+            add_mail_alias(mail[mail_name], domain.name, row[0]);
+    }
 }
 
 void rebuild_mail_name(const rebuild_pass &pass, const domain_row &domain, const MYSQL_ROW mail)
 {
     const char *name = mail[mail_name];
-    add_mailbox(name, domain.name);
+    if (is_unfit_name(name)) {
+        report_error(0, 0, "Warning: mail name %s of %s is passed over: the name is unfit\n", name, domain.name);
+        return;
+    }
+    if (add_mailbox(name, domain.name) != 0)
+        return;
     if (is_set(mail[mail_postbox]))
         add_postbox(name, domain.name, encrypt_password(pass, domain, mail), domain.disabled,
                     pass.short_names_disabled);
     if (is_set(mail[mail_redirect]) && !is_empty(mail[mail_redir_addr]))
-        add_forward(name, domain.name, mail[mail_redir_addr]);
+        rebuild_forward(domain, mail, mail[mail_redir_addr]);
     if (is_set(mail[mail_group]))
         rebuild_group(pass, domain, mail);
     if (is_set(mail[mail_autoresponder]))
@@ -186,25 +237,52 @@ void rebuild_mail_name(const rebuild_pass &pass, const domain_row &domain, const
 
 void rebuild_mail_names(const rebuild_pass &pass, const domain_row &domain)
 {
-    MYSQL_RES *rows = panel_db_rows_safe(
-        pass.db, 1, "mailnames",
-        "SELECT m.id, m.mail_name, m.postbox, a.type, a.password, m.redirect, m.redir_addr, m.mail_group, "
-        "m.autoresponder, m.mbox_quota FROM mail m LEFT JOIN accounts a ON a.id = m.account_id "
-        "WHERE dom_id=%s",
-        domain.id);
-    while (const MYSQL_ROW row = mysql_fetch_row(rows))
+    const owned_rows rows = panel_db_rows_safe(
+        pass.db, 1, "mailnames", "SELECT %s FROM mail m LEFT JOIN accounts a ON a.id = m.account_id WHERE dom_id=%s",
+        mail_columns, domain.id);
+    while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
         rebuild_mail_name(pass, domain, row);
-    mysql_free_result(rows);
 }
 
-int status_number(const char *column)
+// Whether a status, a number of any length, is not 0.
+bool is_status_set(const char *column)
 {
-    return column ? atoi(column) : 0;
+    std::string_view digits = column ? column : "";
+    digits.remove_prefix(std::min(digits.find_first_not_of(" \t\n\v\f\r"), digits.size()));
+    if (digits.starts_with('-') || digits.starts_with('+'))
+        digits.remove_prefix(1);
+    const std::size_t first = digits.find_first_not_of('0');
+    return first != digits.npos && digits[first] >= '1' && digits[first] <= '9';
 }
 
-void rebuild_domain(const rebuild_pass &pass, const MYSQL_ROW row)
+unsigned long long number_of(const char *id)
 {
-    const domain_row domain = {row[0], row[1], status_number(row[2]) != 0 || status_number(row[3]) != 0};
+    return strtoull(id, nullptr, 10);
+}
+
+// Of two domains with one ASCII form the one that was there first is the domain, whatever the order of the rows.
+void find_domains(rebuild_pass &pass, MYSQL_RES *rows)
+{
+    while (const MYSQL_ROW row = mysql_fetch_row(rows))
+        if (const auto key = domain_key(row[domain_name]); key && !is_unfit_domain(row[domain_name])) {
+            const auto known = pass.domains.emplace(*key, number_of(row[domain_id])).first;
+            known->second = std::min(known->second, number_of(row[domain_id]));
+        }
+    mysql_data_seek(rows, 0);
+}
+
+void rebuild_domain(rebuild_pass &pass, const MYSQL_ROW row)
+{
+    const domain_row domain = {row[domain_id], row[domain_name],
+                               is_status_set(row[domain_status]) || is_status_set(row[service_status])};
+    if (is_unfit_domain(domain.name)) {
+        report_error(0, 0, "Warning: domain %s is passed over: the name is unfit\n", domain.name);
+        return;
+    }
+    if (const auto key = domain_key(domain.name); key && pass.domains.at(*key) != number_of(domain.id)) {
+        report_error(0, 0, "Warning: domain %s is passed over: another has its ASCII form\n", domain.name);
+        return;
+    }
     add_mail_domain(domain.name, domain.disabled);
     set_nonexist_mail(domain.name, domain.id, pass.db);
     rebuild_quota(domain.name, nullptr, get_dom_Limit(domain.id, "mbox_quota", pass.db));
@@ -217,21 +295,17 @@ void rebuild_domain(const rebuild_pass &pass, const MYSQL_ROW row)
 void rebuild_mail_config()
 {
     prepare_ground();
-    rebuild_pass pass = {panel_db_open(), 0, "$1$"};
-    if (!pass.db)
+    const owned_db db = panel_db_open();
+    if (!db)
         report_fatal(1, "Unable to connect to the mysql database");
-    pass.short_names_disabled = !short_pop3_names_allowed(pass.db);
-    MYSQL_RES *rows =
-        panel_db_rows_safe(pass.db, 1, "domains",
-                           "SELECT d.id, d.name, d.status, s.status FROM domains d LEFT JOIN DomainServices s "
-                           "ON d.id=s.dom_id WHERE s.type='mail'");
+    rebuild_pass pass = {db.get(), !short_pop3_names_allowed(db.get()), "$1$", {}, {}};
+    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "domains", "%s", domain_query);
     srand(static_cast<unsigned>(time(nullptr)));
     random_salt(pass.salt + 3, 8);
     pass.salt[11] = '\0';
-    while (const MYSQL_ROW row = mysql_fetch_row(rows))
+    find_domains(pass, rows.get());
+    while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
         rebuild_domain(pass, row);
-    mysql_free_result(rows);
     if (is_component_installed("drweb") && is_component_installed("drweb-qmail"))
         av_rebuild_recipients(pass.db);
-    mysql_close(pass.db);
 }

@@ -3,14 +3,15 @@
 #include "common/accounts.h"
 #include "common/conf.h"
 #include "common/error.h"
+#include "common/file_bytes.h"
 #include "common/file_lock.h"
 #include "common/file_str.h"
+#include "common/names.h"
 #include "common/panel_db.h"
+#include "common/safe_open.h"
 #include "process/exec.h"
 
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -52,9 +53,9 @@ constexpr std::size_t form_count = sizeof rule_forms / sizeof *rule_forms;
 
 constexpr const char *header = "[version=2]\n";
 
-void list_path(std::span<char> path)
+text list_path()
 {
-    format_text(path, "%s/%s", DRWEB_ETC_D, "/users.conf");
+    return formatted("%s/%s", DRWEB_ETC_D, "/users.conf");
 }
 
 bool is_dash(const char *path)
@@ -99,17 +100,9 @@ int copy_chunks(int in, int out, const char *src, const char *dst)
 // Opens the file that is copied over. One that has to be made gets 0644, whatever the umask.
 int open_emptied(const char *dst)
 {
-    constexpr int flags = O_WRONLY | O_CREAT | O_CLOEXEC;
-    const int former_errno = errno;
-    int out = open(dst, flags | O_EXCL, 0644);
-    if (out >= 0) {
-        fchmod(out, 0644);
-        return out;
-    }
-    if (errno == EEXIST)
-        out = open(dst, flags | O_TRUNC, 0644);
-    if (out >= 0)
-        errno = former_errno;
+    const mode_t former = umask(0);
+    const int out = safe_open(dst, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    umask(former);
     return out;
 }
 
@@ -129,7 +122,7 @@ int copy_into(int in, const char *src, const char *dst)
 int copy_file(const char *src, const char *dst)
 {
     const bool keeps_open = is_dash(src);
-    const int in = keeps_open ? STDIN_FILENO : open(src, O_RDONLY | O_CLOEXEC);
+    const int in = keeps_open ? STDIN_FILENO : safe_open(src, O_RDONLY);
     if (in < 0)
         return report_open(src);
     const int result = copy_into(in, src, dst);
@@ -140,15 +133,16 @@ int copy_file(const char *src, const char *dst)
 
 bool rebuild_from(MYSQL *db, const recipient_query &query)
 {
-    MYSQL_RES *rows = panel_db_rows(db, query.text);
+    const owned_rows rows = panel_db_rows(db, query.text);
     if (!rows) {
         report_error(0, 1, "Unable to query drweb %s: %s", query.what, mysql_error(db));
         return false;
     }
-    while (const MYSQL_ROW row = mysql_fetch_row(rows))
-        if (row[1] && row[2]) // an orphaned mail name has no domain to form an address with
+    while (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
+        const bool is_orphan = !row[1] || !row[2]; // a mail name without a domain to form an address with
+        if (!is_orphan && !is_unfit_name(row[1]) && !is_unfit_domain(row[2]) && !is_more_than_line(row[0]))
             av_set_recipient(row[2], row[1], row[0]);
-    mysql_free_result(rows);
+    }
     return true;
 }
 
@@ -165,43 +159,38 @@ void av_rebuild_recipients(MYSQL *db)
 
 int av_reset_list()
 {
-    char path[text_size];
-    list_path(path);
-    char template_path[text_size];
-    format_text(template_path, "%s.in", path);
+    const text path = list_path();
+    const text template_path = formatted("%s.in", path.c_str());
     struct stat status;
     if (stat(template_path, &status) == 0 && copy_file_locked(template_path, path) == 0)
         return 0;
-    FILE *file = fopen(path, "we");
-    if (!file) {
-        report_error(0, 0, "Unable to open %s file for writing: %s\n", path, strerror(errno));
+    const int fd = safe_open(path, O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    if (fd < 0) {
+        report_error(0, 0, "Unable to open %s file for writing: %s\n", path.c_str(), strerror(errno));
         return -1;
     }
-    fputs(header, file); // a failure comes out at the close
-    if (fclose(file) != 0) {
-        report_error(0, 0, "An error occured during writing the file %s: %s\n", path, strerror(errno));
-        return -1;
-    }
-    return 0;
+    const int failed = write_all(fd, header) == 0 ? 0 : errno;
+    if (close(fd) == 0 && failed == 0)
+        return 0;
+    if (failed != 0)
+        errno = failed;
+    report_error(0, 0, "An error occured during writing the file %s: %s\n", path.c_str(), strerror(errno));
+    return -1;
 }
 
 int av_set_recipient(const char *domain, const char *name, const char *virusfilter)
 {
     av_clear_recipient(domain, name);
-    char address[text_size];
-    format_text(address, "%s@%s", name, domain);
-    char path[text_size];
-    list_path(path);
-
+    const text address = formatted("%s@%s", name, domain);
+    const text path = list_path();
     const char *direction = virusfilter;
     if (strncmp(virusfilter, "outgoing", 8) == 0)
         direction = "from";
     else if (strncmp(virusfilter, "incoming", 8) == 0)
         direction = "to";
-    char rule[text_size];
-    format_text(rule, "allow\t%s\tregex\t^%s$", direction, address);
+    const text rule = formatted("allow\t%s\tregex\t^%s$", direction, address.c_str());
     if (file_str_line(path, rule, edit::add, at_end) != 0) {
-        report_error(0, 0, "Unable to add record for '%s' to '%s' file", address, path);
+        report_error(0, 0, "Unable to add record for '%s' to '%s' file", address.c_str(), path.c_str());
         return -1;
     }
     set_owner_mode(path, 0, 0, 0644);
@@ -210,19 +199,18 @@ int av_set_recipient(const char *domain, const char *name, const char *virusfilt
 
 int av_clear_recipient(const char *domain, const char *name)
 {
-    char address[text_size];
-    format_text(address, "%s@%s", name, domain);
-    char path[text_size];
-    list_path(path);
-    char *rules[form_count + 1] = {};
+    const text address = formatted("%s@%s", name, domain);
+    const text path = list_path();
+    owned_text texts[form_count];
+    const char *rules[form_count + 1] = {};
     for (std::size_t at = 0; at < form_count; ++at) {
         const rule_form &form = rule_forms[at];
-        rules[at] = alloc_printf("allow\t%s\t%s\t%s%s%s", form.direction, form.kind, form.before, address, form.after);
+        texts[at] =
+            alloc_printf("allow\t%s\t%s\t%s%s%s", form.direction, form.kind, form.before, address.c_str(), form.after);
+        rules[at] = texts[at].get();
     }
     file_str(path, rules, edit::remove, 0);
     set_owner_mode(path, 0, 0, 0644);
-    for (char *rule : rules)
-        free(rule);
     return 0;
 }
 
@@ -230,14 +218,14 @@ int copy_file_locked(const char *src, const char *dst)
 {
     if (strcmp(src, dst) == 0)
         return 0;
-    file_lock *lock = lock_file_exclusive(dst, 1);
+    auto lock = lock_file_exclusive(dst, 1);
     if (!lock_file_is_held(lock)) {
         report_error(0, 0, "Error occurred while locking the file %s\n", dst);
-        lock_file_release(lock);
+        lock_file_release(std::move(lock));
         return 1;
     }
     const int result = copy_file(src, dst);
-    if (lock_file_release(lock) != 0 && result == 0)
+    if (lock_file_release(std::move(lock)) != 0 && result == 0)
         report_error(0, 0, "Error occurred while unlocking the file %s\n", dst);
     return result;
 }

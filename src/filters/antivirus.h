@@ -8,7 +8,8 @@
 // old rules are removed, and a child process that cannot be made.
 
 // Rebuilds the list from the panel database through the caller's connection, then has virsetup tell the engine. A
-// failed query is reported and ends the phase there: the rules written so far stay and the engine is not told.
+// failed query is reported and ends the phase there: the rules written so far stay and the engine is not told. A row
+// whose names are unfit, or whose setting is more than a line, is left out.
 void av_rebuild_recipients(MYSQL *db);
 
 // Brings the list to its starting content: the template's, or the bare header when there is none or it can't be copied.

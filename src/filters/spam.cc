@@ -8,7 +8,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
 
@@ -23,9 +22,9 @@ constexpr unsigned default_max_children = 5;
 struct replay {
     const char *full_name;
     MYSQL *db;
-    char *escaped_name;
-    char id[text_size];     // of the name's filter row
-    char action[text_size]; // what becomes of spam: "delete" or "save"
+    owned_text escaped_name;
+    text id;     // of the name's filter row
+    text action; // what becomes of spam: "delete" or "save"
     arg_vector args;
     arg_mark base; // the arguments that every run of this name begins with
 };
@@ -40,15 +39,15 @@ const char *or_empty(const char *value)
     return value ? value : "";
 }
 
-// Sends a query and keeps its rows, which the caller releases; none after a report.
-__attribute__((format(printf, 2, 3))) MYSQL_RES *ask(const replay &name, const char *format, ...)
+// Sends a query and keeps its rows, null after a report.
+__attribute__((format(printf, 2, 3))) owned_rows ask(const replay &name, const char *format, ...)
 {
-    char query[text_size];
+    text query;
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(query, sizeof query, format, arguments);
+    vsnprintf(query.bytes, sizeof query.bytes, format, arguments);
     va_end(arguments);
-    MYSQL_RES *rows = panel_db_rows(name.db, query);
+    owned_rows rows = panel_db_rows(name.db, query);
     if (!rows)
         report_error(0, 1, "Unable to get spamassassin settings for '%s': %s", name.full_name, mysql_error(name.db));
     return rows;
@@ -62,29 +61,28 @@ bool run_utility(const replay &name)
 // 1 when the name has a filter row, 0 when not, -1 on failure.
 int find_filter(replay &name)
 {
-    MYSQL_RES *rows =
+    const owned_rows rows =
         ask(name, "SELECT id, IF(reject_spam = 'true', 'delete', 'save') FROM spamfilter WHERE username = '%s'",
-            name.escaped_name);
+            name.escaped_name.get());
     if (!rows)
         return -1;
-    const MYSQL_ROW row = mysql_fetch_row(rows);
+    const MYSQL_ROW row = mysql_fetch_row(rows.get());
     if (row) {
         format_text(name.id, "%s", or_empty(row[0]));
         format_text(name.action, "%s", or_empty(row[1]));
     }
-    mysql_free_result(rows);
     return row ? 1 : 0;
 }
 
 bool append_mailbox_state(replay &name)
 {
-    MYSQL_RES *rows = ask(name,
-                          "SELECT spamfilter FROM mail m, domains d WHERE m.dom_id = d.id "
-                          "AND CONCAT(m.mail_name, '@', d.name) = '%s'",
-                          name.escaped_name);
+    const owned_rows rows = ask(name,
+                                "SELECT spamfilter FROM mail m, domains d WHERE m.dom_id = d.id "
+                                "AND CONCAT(m.mail_name, '@', d.name) = '%s'",
+                                name.escaped_name.get());
     if (!rows)
         return false;
-    const MYSQL_ROW row = mysql_fetch_row(rows);
+    const MYSQL_ROW row = mysql_fetch_row(rows.get());
     if (row && is_true(row[0])) {
         arg_append(name.args, "--enable-mailname");
         arg_append(name.args, "--action");
@@ -92,7 +90,6 @@ bool append_mailbox_state(replay &name)
     } else if (row) {
         arg_append(name.args, "--disable-mailname");
     }
-    mysql_free_result(rows);
     return true;
 }
 
@@ -108,51 +105,46 @@ void append_server_state(replay &name)
     const char *value = get_misc_param("spamfilter_max_children", name.db);
     if (!value || sscanf(value, "%u", &number) != 1)
         number = default_max_children;
-    char text[16];
-    format_text(text, "%u", number);
     arg_append(name.args, "--max-children");
-    arg_append(name.args, text);
+    arg_append(name.args, formatted("%u", number));
 }
 
 bool append_score(replay &name)
 {
-    MYSQL_RES *rows = ask(name,
-                          "SELECT value FROM spamfilter_preferences WHERE spamfilter_id = %s "
-                          "AND preference = 'required_score' ORDER BY prefid",
-                          name.id);
+    const owned_rows rows = ask(name,
+                                "SELECT value FROM spamfilter_preferences WHERE spamfilter_id = %s "
+                                "AND preference = 'required_score' ORDER BY prefid",
+                                name.id.c_str());
     if (!rows)
         return false;
-    if (const MYSQL_ROW row = mysql_fetch_row(rows)) {
+    if (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
         arg_append(name.args, "--sensitivity");
         arg_append(name.args, or_empty(row[0]));
     }
-    mysql_free_result(rows);
     return true;
 }
 
 bool append_subject(replay &name)
 {
-    MYSQL_RES *rows = ask(name,
-                          "SELECT TRIM(TRIM(LEADING 'subject' FROM value)) FROM spamfilter_preferences "
-                          "WHERE spamfilter_id = %s AND preference = 'rewrite_header' AND value LIKE 'subject%%' "
-                          "ORDER BY prefid",
-                          name.id);
+    const owned_rows rows = ask(name,
+                                "SELECT TRIM(TRIM(LEADING 'subject' FROM value)) FROM spamfilter_preferences "
+                                "WHERE spamfilter_id = %s AND preference = 'rewrite_header' AND value LIKE 'subject%%' "
+                                "ORDER BY prefid",
+                                name.id.c_str());
     if (!rows)
         return false;
-    if (const MYSQL_ROW row = mysql_fetch_row(rows)) {
+    if (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
         const char *subject = or_empty(row[0]);
         arg_append(name.args, *subject ? "--modify-header" : "--not-modify-header");
         arg_append(name.args, subject);
     }
-    mysql_free_result(rows);
     return true;
 }
 
 // Appends one list entry. One that the vector refuses starts a new run, of the base and what follows.
 bool append_entry(replay &name, const char *list, const char *value)
 {
-    char option[text_size];
-    format_text(option, "--add-to-%s", list);
+    const text option = formatted("--add-to-%s", list);
     const arg_mark before = arg_state(name.args);
     if (arg_append(name.args, option) && arg_append(name.args, value))
         return true;
@@ -167,17 +159,16 @@ bool append_entry(replay &name, const char *list, const char *value)
 
 bool append_lists(replay &name)
 {
-    MYSQL_RES *rows = ask(name,
-                          "SELECT TRIM(TRAILING '_from' FROM preference), value FROM spamfilter_preferences "
-                          "WHERE spamfilter_id = %s AND preference IN ('blacklist_from', 'whitelist_from', "
-                          "'unblacklist_from', 'unwhitelist_from') ORDER BY prefid",
-                          name.id);
+    const owned_rows rows = ask(name,
+                                "SELECT TRIM(TRAILING '_from' FROM preference), value FROM spamfilter_preferences "
+                                "WHERE spamfilter_id = %s AND preference IN ('blacklist_from', 'whitelist_from', "
+                                "'unblacklist_from', 'unwhitelist_from') ORDER BY prefid",
+                                name.id.c_str());
     if (!rows)
         return false;
     bool appended = true;
-    for (MYSQL_ROW row; appended && (row = mysql_fetch_row(rows));)
+    for (MYSQL_ROW row; appended && (row = mysql_fetch_row(rows.get()));)
         appended = append_entry(name, or_empty(row[0]), or_empty(row[1]));
-    mysql_free_result(rows);
     return appended;
 }
 
@@ -204,10 +195,9 @@ int apply(replay &name)
 
 void apply_domain(const char *id, const char *domain, MYSQL *db)
 {
-    MYSQL_RES *rows = panel_db_rows_safe(db, 0, "mailnames", "SELECT mail_name FROM mail WHERE dom_id=%s", id);
-    while (const MYSQL_ROW row = mysql_fetch_row(rows))
+    const owned_rows rows = panel_db_rows_safe(db, 0, "mailnames", "SELECT mail_name FROM mail WHERE dom_id=%s", id);
+    while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
         spam_apply_mailname(row[0], domain, db);
-    mysql_free_result(rows);
 }
 
 } // namespace
@@ -244,18 +234,17 @@ void arg_cut(arg_vector &args, const arg_mark &state)
 
 void spam_rebuild_settings()
 {
-    MYSQL *db = panel_db_open();
+    const owned_db own = panel_db_open();
+    MYSQL *db = own.get();
     if (!db)
         report_fatal(0, "Unable to connect to the mysql database");
     spam_apply_server(db);
-    MYSQL_RES *rows =
+    const owned_rows rows =
         panel_db_rows_safe(db, 0, "domains",
                            "SELECT d.id, d.name FROM domains d LEFT JOIN DomainServices s ON d.id=s.dom_id "
                            "WHERE s.type='mail'");
-    while (const MYSQL_ROW row = mysql_fetch_row(rows))
+    while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
         apply_domain(row[0], row[1], db);
-    mysql_free_result(rows);
-    mysql_close(db);
 }
 
 int spam_apply_server(MYSQL *db)
@@ -269,37 +258,31 @@ int spam_apply_mailname(const char *mail_name, const char *domain, MYSQL *db)
         report_error(0, 1, "empty mailname or maildomain");
         return -1;
     }
-    char full_name[text_size];
-    format_text(full_name, "%s@%s", mail_name, domain);
-    return spam_apply_settings(full_name, db);
+    return spam_apply_settings(formatted("%s@%s", mail_name, domain), db);
 }
 
 int spam_apply_settings(const char *full_name, MYSQL *db)
 {
     if (!is_component_installed(component))
         return 0;
-    char path[text_size];
-    format_text(path, "%s/admin/sbin/%s", PRODUCT_ROOT_D, utility);
+    const text path = formatted("%s/admin/sbin/%s", PRODUCT_ROOT_D, utility);
     struct stat status;
     if (stat(path, &status) != 0) {
-        report_error(0, 1, "%s package is installed but '%s' does not exist", component, path);
+        report_error(0, 1, "%s package is installed but '%s' does not exist", component, path.c_str());
         return -1;
     }
     if (!full_name || !*full_name) {
         report_error(0, 1, "empty full mailname");
         return -1;
     }
-    MYSQL *lent = db;
-    if (!db && !(db = panel_db_open())) {
+    owned_db own(db ? nullptr : panel_db_open());
+    if (!db && !own) {
         report_error(0, 0, "Unable to connect to mysql database\n");
         return -1;
     }
     replay name;
     name.full_name = full_name;
-    name.db = db;
-    name.escaped_name = db_escape(db, full_name);
-    const int result = apply(name);
-    free(name.escaped_name);
-    close_own(db, lent);
-    return result;
+    name.db = db ? db : own.get();
+    name.escaped_name = db_escape(name.db, full_name);
+    return apply(name);
 }

@@ -42,7 +42,7 @@ int spam_apply_server(MYSQL *db);
 int spam_apply_mailname(const char *mail_name, const char *domain, MYSQL *db);
 
 // Replays the settings of one full name; long lists are split over several runs of the utility. Works on `db`, or,
-// given none, on a connection of its own. Returns 0 when they were applied or there are none (or the component is not
+// given null, on a connection of its own. Returns 0 when they were applied or there are none (or the component is not
 // installed), -1 after a report (not fatal) otherwise. Ends the process as is_component_installed does, and
 // when no child process or no memory is to be had.
 int spam_apply_settings(const char *full_name, MYSQL *db);

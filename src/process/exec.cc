@@ -5,15 +5,19 @@
 
 #include <array>
 #include <cerrno>
-#include <climits>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
+#include <new>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -21,49 +25,53 @@ constexpr int read_step = 4096;
 constexpr int poll_interval_ms = 1000;
 constexpr std::size_t max_arguments = 99; // behind argv[0]
 
+// Ignored by this program, so that a write that fails is reported.
+constexpr int failing_writes[] = {SIGPIPE, SIGXFSZ};
+
 using argument_slots = std::array<const char *, max_arguments + 2>;
 
 // What is read from one stream of a child. fd is -1 once the stream has ended, or when there is none.
 struct capture {
     int fd;
-    char *text;
-    int capacity;
-    int length;
+    std::optional<std::string> text;
 };
+
+// Puts /dev/null on a standard stream.
+bool silence(int standard_fd)
+{
+    const int null = open("/dev/null", O_RDWR);
+    if (null == standard_fd)
+        return true;
+    const owned_fd source(null);
+    return null >= 0 && dup2(null, standard_fd) >= 0;
+}
 
 void redirect(int fd, int standard_fd)
 {
     if (fd == standard_fd)
         return;
-    const int source = fd == -1 ? open("/dev/null", O_RDWR) : fd;
-    if (source == standard_fd)
-        return;
-    if (source < 0 || dup2(source, standard_fd) < 0) {
+    if (fd == -1 ? !silence(standard_fd) : dup2(fd, standard_fd) < 0) {
         dprintf(STDERR_FILENO, "fork_execv: dup() failed: %s\n", strerror(errno));
         _exit(255);
     }
-    close(source);
+    if (fd != -1)
+        close(fd);
 }
 
 void read_pipe_chunk(capture &stream)
 {
-    if (stream.length >= stream.capacity - 1) {
-        const auto capacity = static_cast<std::size_t>(stream.capacity) + read_step;
-        char *grown = capacity > INT_MAX ? nullptr : static_cast<char *>(realloc(stream.text, capacity));
-        if (!grown)
-            report_fatal(1, "Cannot allocate memory");
-        stream.text = grown;
-        stream.capacity = static_cast<int>(capacity);
-    }
-    const auto room = static_cast<std::size_t>(stream.capacity - stream.length - 1);
-    const ssize_t got = read(stream.fd, stream.text + stream.length, room);
-    if (got > 0) {
-        stream.length += static_cast<int>(got);
-        return;
-    }
-    if (got < 0 && errno == EAGAIN)
-        return;
+    char chunk[read_step];
+    const ssize_t got = read(stream.fd, chunk, sizeof chunk);
     const int cause = errno;
+    try {
+        if (!stream.text)
+            stream.text.emplace();
+        stream.text->append(chunk, got > 0 ? static_cast<std::size_t>(got) : 0);
+    } catch (const std::bad_alloc &) {
+        report_fatal(1, "Cannot allocate memory");
+    }
+    if (got > 0 || (got < 0 && cause == EAGAIN))
+        return;
     close(stream.fd);
     stream.fd = -1;
     if (got < 0) {
@@ -78,7 +86,7 @@ int open_capture(capture &stream)
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
         report_fatal(1, "fork_execv_getouterr: pipe() failed");
-    stream = {ends[0], nullptr, 0, 0};
+    stream = {ends[0], std::nullopt};
     return ends[1];
 }
 
@@ -127,13 +135,6 @@ int read_until_end(capture &out, capture &err, pid_t child)
     return waitpid(child, &status, WUNTRACED) > 0 ? exit_code(status) : -1;
 }
 
-char *captured_text(const capture &stream)
-{
-    if (stream.text)
-        stream.text[stream.length] = '\0';
-    return stream.text;
-}
-
 // argv[0] and what follows in the list, cut to the slots and ended by a null pointer.
 void list_arguments(argument_slots &argv, const char *first, va_list list)
 {
@@ -152,21 +153,24 @@ bool is_utility_name(const char *name)
     return false;
 }
 
+text utility_path(const char *name)
+{
+    return formatted("%s/admin/bin/%s", PRODUCT_ROOT_D, name);
+}
+
 int run_utility(const char *path, const char *const *argv)
 {
-    char *out = nullptr;
-    char *err = nullptr;
-    const int result = fork_execv_getouterr(&out, &err, path, argv);
-    if (result != 0) {
-        if (out)
-            fputs(out, stderr);
-        if (err)
-            report_error(0, 1, "%s execution failed:\n%s", path, err);
-        else
-            report_error(0, 1, "%s execution failed (no output)", path);
-    }
-    free(out);
-    free(err);
+    std::optional<std::string> out;
+    std::optional<std::string> err;
+    const int result = fork_execv_getouterr(out, err, path, argv);
+    if (result == 0)
+        return 0;
+    if (out)
+        fputs(out->c_str(), stderr);
+    if (err)
+        report_error(0, 1, "%s execution failed:\n%s", path, err->c_str());
+    else
+        report_error(0, 1, "%s execution failed (no output)", path);
     return result;
 }
 
@@ -180,6 +184,31 @@ void close_descriptors()
         close(fd);
 }
 
+void silence_streams()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+        if (!silence(fd))
+            close(fd);
+}
+
+void restore_signals()
+{
+    for (const int number : failing_writes)
+        signal(number, SIG_DFL);
+}
+
+int run_shell(const char *command)
+{
+    // What is ignored here would be ignored there; a handler of ours is not.
+    sighandler_t former[std::size(failing_writes)];
+    for (std::size_t at = 0; at < std::size(failing_writes); ++at)
+        former[at] = signal(failing_writes[at], [](int) {});
+    const int status = system(command);
+    for (std::size_t at = 0; at < std::size(failing_writes); ++at)
+        signal(failing_writes[at], former[at]);
+    return status;
+}
+
 pid_t fork_execv(int in_fd, int out_fd, int err_fd, const char *path, const char *const *argv)
 {
     const pid_t child = fork();
@@ -191,13 +220,15 @@ pid_t fork_execv(int in_fd, int out_fd, int err_fd, const char *path, const char
     redirect(out_fd, STDOUT_FILENO);
     redirect(err_fd, STDERR_FILENO);
     close_descriptors();
+    restore_signals();
     errno = 0;
     execv(path, const_cast<char *const *>(argv));
     dprintf(STDERR_FILENO, "fork_execv: execv(\"%s\") failed: %s\n", path, strerror(errno));
     _exit(255);
 }
 
-int fork_execv_getouterr(char **out, char **err, const char *path, const char *const *argv)
+int fork_execv_getouterr(std::optional<std::string> &out, std::optional<std::string> &err, const char *path,
+                         const char *const *argv)
 {
     capture out_stream;
     capture err_stream;
@@ -209,61 +240,52 @@ int fork_execv_getouterr(char **out, char **err, const char *path, const char *c
     close(out_end);
     close(err_end);
     const int result = read_until_end(out_stream, err_stream, child);
-    *out = captured_text(out_stream);
-    *err = captured_text(err_stream);
+    out = std::move(out_stream.text);
+    err = std::move(err_stream.text);
     return result;
 }
 
-int fork_execv_getout(char **out, const char *path, const char *const *argv)
+int fork_execv_getout(std::optional<std::string> &out, const char *path, const char *const *argv)
 {
     capture stream;
-    capture absent = {-1, nullptr, 0, 0};
+    capture absent = {-1, std::nullopt};
     const int end = open_capture(stream);
     set_nonblocking(stream);
     const pid_t child = fork_execv(STDIN_FILENO, end, STDERR_FILENO, path, argv);
     close(end);
     const int result = read_until_end(stream, absent, child);
-    *out = captured_text(stream);
+    out = std::move(stream.text);
     return result;
 }
 
-int fork_execl_getout(char **out, const char *path, const char *arg0, ...)
+int fork_execl_getout(std::optional<std::string> &out, const char *path, const char *arg0, ...)
 {
-    std::size_t count = 1;
+    std::vector<const char *> argv;
     va_list list;
     va_start(list, arg0);
-    while (va_arg(list, const char *))
-        ++count;
+    try {
+        for (const char *argument = arg0; argument; argument = va_arg(list, const char *))
+            argv.push_back(argument);
+        argv.push_back(nullptr);
+    } catch (const std::bad_alloc &) {
+        report_fatal(1, "malloc() failed: %s", strerror(ENOMEM));
+    }
     va_end(list);
-    auto *argv = static_cast<const char **>(malloc((count + 1) * sizeof(char *)));
-    if (!argv)
-        report_fatal(1, "malloc() failed: %s", strerror(errno));
-
-    va_start(list, arg0);
-    argv[0] = arg0;
-    for (std::size_t at = 1; at <= count; ++at)
-        argv[at] = va_arg(list, const char *);
-    va_end(list);
-    const int result = fork_execv_getout(out, path, argv);
-    free(argv);
-    return result;
+    return fork_execv_getout(out, path, argv.data());
 }
 
 int util_execv(const char *name, const char *const *argv)
 {
     if (!is_utility_name(name))
         return -1;
-    char path[text_size];
-    format_text(path, "%s/admin/bin/%s", PRODUCT_ROOT_D, name);
-    return run_utility(path, argv);
+    return run_utility(utility_path(name), argv);
 }
 
 int util_exec(const char *name, ...)
 {
     if (!is_utility_name(name))
         return -1;
-    char path[text_size];
-    format_text(path, "%s/admin/bin/%s", PRODUCT_ROOT_D, name);
+    const text path = utility_path(name);
     argument_slots argv;
     va_list list;
     va_start(list, name);
@@ -283,11 +305,8 @@ int run_quiet_wait(const char *path, ...)
     if (child < 0)
         return 1;
     if (child == 0) {
-        for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
-            close(fd);
-        open("/dev/null", O_RDWR); // becomes 0; without it the program runs all the same
-        dup2(STDIN_FILENO, STDOUT_FILENO);
-        dup2(STDIN_FILENO, STDERR_FILENO);
+        silence_streams();
+        restore_signals();
         _exit(execv(path, const_cast<char *const *>(argv.data())));
     }
     int status = 0;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+#include <string>
 #include <sys/types.h>
 
 // Programs run as child processes: started without a shell, with no descriptor of ours above 2 (swept in the child, but
@@ -9,24 +11,35 @@
 // Closes every descriptor from 3 up in the calling process; meant for a child before it executes something.
 void close_descriptors();
 
+// Puts /dev/null on the three standard streams of the calling process, a child; a stream for which that fails is
+// closed.
+void silence_streams();
+
+// Gives SIGPIPE and SIGXFSZ, which this program ignores, their defaults back in the calling process, a child.
+void restore_signals();
+
+// system() whose command finds these two signals at their defaults.
+int run_shell(const char *command);
+
 // Starts a program with these standard streams: the stream's own number leaves it as it is, -1 gives it /dev/null, and
 // any other descriptor is moved onto it. argv is handed on as it is and stays the caller's. Returns the child's id,
 // which the caller waits for. A fork that fails is fatal: "fork_execv_pipes: fork() failed".
 pid_t fork_execv(int in_fd, int out_fd, int err_fd, const char *path, const char *const *argv);
 
-// Runs a program and keeps all that it writes: standard input is inherited, the texts are allocated and the caller's
-// to free, none for a stream whose end or first byte never came. Returns the exit code, 0 to 255, or -1
-// when the program did not exit by itself. A daemon that keeps the streams open holds the call up for about one second
-// after the program's end. Fatal: "fork_execv_getouterr: pipe() failed", "... fcntl(O_NONBLOCK) failed", "Cannot
-// allocate memory".
-int fork_execv_getouterr(char **out, char **err, const char *path, const char *const *argv);
+// Runs a program and keeps all that it writes: standard input is inherited; there is no text of a stream whose end or
+// first byte never came. Returns the exit code, 0 to 255, or -1 when the program did not exit by itself. A daemon that
+// keeps the streams open holds the call up for about one second after the program's end. Fatal: "fork_execv_getouterr:
+// pipe() failed", "... fcntl(O_NONBLOCK) failed", "Cannot allocate memory".
+int fork_execv_getouterr(std::optional<std::string> &out, std::optional<std::string> &err, const char *path,
+                         const char *const *argv);
 
 // The same with standard error inherited, and with the same messages.
-int fork_execv_getout(char **out, const char *path, const char *const *argv);
+int fork_execv_getout(std::optional<std::string> &out, const char *path, const char *const *argv);
 
 // fork_execv_getout with the vector given as a list from arg0 on, ended by a null pointer. Without memory for it the
 // process ends: "malloc() failed: %s".
-int fork_execl_getout(char **out, const char *path, const char *arg0, ...) __attribute__((sentinel));
+int fork_execl_getout(std::optional<std::string> &out, const char *path, const char *arg0, ...)
+    __attribute__((sentinel));
 
 // Runs a utility of the product, PRODUCT_ROOT_D/admin/bin/NAME, with this vector, argv[0] included. Returns 0, or -1
 // for a name with a slash ("Utility name '%s' is invalid. Use only utility name without path."), else the result of

@@ -1,21 +1,16 @@
 #include "process/send_sig.h"
 
-#include "common/accounts.h"
-#include "common/conf.h"
 #include "common/error.h"
-#include "common/safe_open.h"
 #include "process/exec.h"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/random.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include <optional>
+#include <string>
 
 namespace {
 
@@ -23,21 +18,19 @@ constexpr const char *ps_path = "/bin/ps";
 constexpr const char *grep_path = "/bin/grep";
 constexpr const char *awk_path = "/usr/bin/awk";
 constexpr const char *kill_path = "/bin/kill";
-constexpr const char *rm_path = "/bin/rm";
-
-constexpr const char *deferred_prefix = "__deleted";
-constexpr const char *const *deferred_dirs[] = {&HTTPD_VHOSTS_D, &QMAIL_MAILNAMES_D};
 
 void signal_line(const char *line, const char *line_end, int signal, int &count)
 {
-    int pid = 0;
-    if (sscanf(line, " %d ", &pid) != 1 || pid <= 0) { // 0 and less would mean whole groups
+    char *end = nullptr;
+    errno = 0;
+    const long pid = strtol(line, &end, 10);
+    if (end == line || errno != 0 || pid <= 0 || pid > INT_MAX) { // 0 and less would mean whole groups
         report_error(0, 0, "send_signal_field(): malformed ps output: %.*s", static_cast<int>(line_end - line), line);
         return;
     }
     ++count;
-    if (kill(pid, signal) != 0)
-        report_error(0, 0, "send_signal_field(): failed to kill %d: %s", pid, strerror(errno));
+    if (kill(static_cast<pid_t>(pid), signal) != 0)
+        report_error(0, 0, "send_signal_field(): failed to kill %d: %s", static_cast<int>(pid), strerror(errno));
 }
 
 int signal_matches(const char *output, const char *text, int signal)
@@ -56,195 +49,31 @@ int signal_matches(const char *output, const char *text, int signal)
     return count;
 }
 
-// Fills the X's at the end of a path so that nothing lies there yet, as mktemp() would, which the linker advises
-// against: the race it fears ends here in rename_dir's refusal. False when no such name was found.
-bool fill_unused_name(char *path)
-{
-    constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-    const int former_errno = errno;
-    unsigned char drawn[6];
-    char *tail = path + strlen(path) - sizeof drawn;
-    if (strcmp(tail, "XXXXXX") != 0) { // the path was cut
-        errno = EINVAL;
-        return false;
-    }
-    for (int tries = 0; tries < 100; ++tries) {
-        if (getentropy(drawn, sizeof drawn) != 0)
-            return false;
-        for (std::size_t at = 0; at < sizeof drawn; ++at)
-            tail[at] = alphabet[drawn[at] % (sizeof alphabet - 1)];
-        struct stat status;
-        if (lstat(path, &status) == 0)
-            continue;
-        const bool unused = errno == ENOENT;
-        if (unused)
-            errno = former_errno;
-        return unused;
-    }
-    return false;
-}
-
-void purge_entry(const char *name)
-{
-    struct stat status;
-    if (stat(name, &status) != 0) {
-        report_error(0, 1, "Unable to stat file %s, skipped\n", name);
-        return;
-    }
-    if (!S_ISDIR(status.st_mode) || strncmp(name, deferred_prefix, strlen(deferred_prefix)) != 0)
-        return;
-    if (run_quiet_wait(rm_path, "-rf", name, static_cast<char *>(nullptr)) != 0)
-        report_error(0, 1, "Can't remove directory %s (will try in next time)\n", name);
-}
-
-// As deep as a tree is removed: each level takes a descriptor and its share of the stack, and whoever owns the tree
-// made it as deep as he liked.
-constexpr int max_depth = 1000;
-
-void remove_dir(int parent, const char *name, const char *path, int remove_self, int depth);
-
-// Removes every entry of a directory. Nothing is reached by a path: what somebody puts in the place of an entry
-// meanwhile is removed itself or refused, but never followed.
-void remove_entries(DIR *stream, int depth)
-{
-    const int dir = dirfd(stream);
-    while (const struct dirent *entry = readdir(stream)) {
-        const char *name = entry->d_name;
-        struct stat status;
-        if (fstatat(dir, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            if (errno == ENOENT)
-                continue;
-            report_fatal(1, "Unable to check directory entry %s: %s\n", name, strerror(errno));
-        }
-        if (S_ISDIR(status.st_mode)) {
-            if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0)
-                remove_dir(dir, name, name, 1, depth + 1);
-        } else if (unlinkat(dir, name, 0) != 0 && errno != ENOENT) {
-            report_fatal(1, "Unable to unlink directory entry %s: %s\n", name, strerror(errno));
-        }
-    }
-}
-
-int open_level(int parent, const char *name, int depth)
-{
-    if (depth < max_depth)
-        return openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    errno = EMFILE;
-    return -1;
-}
-
-// `path` is what messages call it.
-void remove_dir(int parent, const char *name, const char *path, int remove_self, int depth)
-{
-    const int dir = open_level(parent, name, depth);
-    DIR *stream = dir < 0 ? nullptr : fdopendir(dir);
-    if (!stream)
-        report_fatal(1, "Unable to open dir %s: %s\n", path, strerror(errno));
-    remove_entries(stream, depth);
-    if (closedir(stream) != 0)
-        report_fatal(1, "Unable to close dir %s: %s\n", path, strerror(errno));
-    if (!remove_self)
-        return;
-    const bool gone = strcmp(name, ".") == 0 ? rmdir(path) == 0 : unlinkat(parent, name, AT_REMOVEDIR) == 0;
-    if (!gone && errno != ENOENT)
-        report_fatal(1, "Unable to remove dir %s: %s\n", path, strerror(errno));
-}
-
 } // namespace
 
 int is_process_running(const char *name)
 {
-    char command[text_size];
-    format_text(command, "%s axww | %s -v grep | %s '{ print $5 }' | %s -E '((^|/)%s$)|([[(<]%s([)>]|])$)' >/dev/null",
-                ps_path, grep_path, awk_path, grep_path, name, name);
-    return system(command);
+    const text command =
+        formatted("%s axww | %s -v grep | %s '{ print $5 }' | %s -E '((^|/)%s$)|([[(<]%s([)>]|])$)' >/dev/null",
+                  ps_path, grep_path, awk_path, grep_path, name, name);
+    return run_shell(command);
 }
 
 int kill_by_name(const char *name, int signal)
 {
-    char command[text_size];
-    format_text(command,
-                "for pid in `%s axc -opid,command|%s -E \"[0-9] %s$\"|%s '{print $1}' -` ; do %s -%d $pid ; done",
-                ps_path, grep_path, name, awk_path, kill_path, signal);
-    return system(command);
+    const text command =
+        formatted("for pid in `%s axc -opid,command|%s -E \"[0-9] %s$\"|%s '{print $1}' -` ; do %s -%d $pid ; done",
+                  ps_path, grep_path, name, awk_path, kill_path, signal);
+    return run_shell(command);
 }
 
 int kill_by_field(const char *field, const char *text, int signal)
 {
-    char *format = alloc_printf("pid,%s", field);
-    char *output = nullptr;
-    int count = -1;
-    if (fork_execl_getout(&output, ps_path, ps_path, "-Aww", "-o", format, static_cast<char *>(nullptr)) != 0) {
-        fprintf(stderr, "%s\n", output ? output : "");
-        report_error(0, 0, "send_signal_field(): %s failed", ps_path);
-    } else {
-        count = output ? signal_matches(output, text, signal) : 0;
-    }
-    free(output);
-    free(format);
-    return count;
-}
-
-int is_virtual_environment()
-{
-    static int kept_answer = -1;
-    if (kept_answer < 0) {
-        struct stat status;
-        kept_answer = stat("/dev/hdv1", &status) == 0 && S_ISREG(status.st_mode) && status.st_size == 0;
-    }
-    return kept_answer;
-}
-
-void deferred_remove(const char *dir)
-{
-    const char *base = nullptr;
-    for (const char *const *candidate : deferred_dirs)
-        if (!base && is_inside_dir(dir, *candidate))
-            base = *candidate;
-    if (!base)
-        report_fatal(1, "deferred_remove(): not supported directory for deferred remove: %s\n", dir);
-    struct stat status;
-    if (stat(dir, &status) != 0)
-        report_fatal(1, "deferred_remove(): can't stat directory, skip it.\n");
-    char aside[text_size];
-    format_text(aside, "%s/%sXXXXXX", base, deferred_prefix);
-    if (!fill_unused_name(aside))
-        report_fatal(1, "deferred_remove(): Unable create filename for delete directory\n");
-    report_error(0, 1, "deferred_remove(): rename dir %s to %s\n", dir, aside);
-    if (rename_dir(dir, aside) != 0)
-        report_fatal(1, "deferred_remove(): Unable to rename directory\n");
-}
-
-void purge_deferred_dirs()
-{
-    for (const char *const *dir : deferred_dirs) {
-        DIR *stream = opendir(*dir);
-        if (!stream) {
-            report_error(0, 1, "Unable to open dir %s: %s\n", *dir, strerror(errno));
-            return;
-        }
-        const int saved_dir = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (fchdir(dirfd(stream)) == 0)
-            while (const struct dirent *entry = readdir(stream))
-                purge_entry(entry->d_name);
-        [[maybe_unused]] const int unsaid = fchdir(saved_dir);
-        close(saved_dir);
-        closedir(stream);
-    }
-}
-
-void remove_tree(const char *path, int remove_self)
-{
-    const char *name = nullptr;
-    const int parent = safe_open_parent(path, name);
-    struct stat status;
-    if (parent == -1 || fstatat(parent, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (errno != ENOENT)
-            report_fatal(1, "Unable to check directory entry %s: %s\n", path, strerror(errno));
-    } else if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
-        remove_dir(parent, name, path, remove_self, 0);
-    } else if (unlinkat(parent, name, 0) != 0 && errno != ENOENT) {
-        report_fatal(1, "Unable to unlink entry %s: %s\n", path, strerror(errno));
-    }
-    close_dir(parent);
+    const owned_text format = alloc_printf("pid,%s", field);
+    std::optional<std::string> output;
+    if (fork_execl_getout(output, ps_path, ps_path, "-Aww", "-o", format.get(), static_cast<char *>(nullptr)) == 0)
+        return output ? signal_matches(output->c_str(), text, signal) : 0;
+    fprintf(stderr, "%s\n", output.value_or("").c_str());
+    report_error(0, 0, "send_signal_field(): %s failed", ps_path);
+    return -1;
 }

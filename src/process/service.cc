@@ -5,15 +5,13 @@
 #include "common/get.h"
 #include "common/panel_db.h"
 #include "process/exec.h"
+#include "process/remove_tree.h"
 #include "process/send_sig.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <libgen.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -22,28 +20,11 @@
 
 namespace {
 
-// In the order of lookup; none stands for the web server, which has the name that the configuration gives it.
-constexpr const char *service_table[] = {
-    "vlq",        nullptr,   "tomcat5",    "courier-imap", "mysqld", "named", "qmail",   "stunnel",
-    "postgresql", "mailman", "coldfusion", "jrun",         "drwebd", "smb",   "network", "xinetd",
-};
-
 constexpr const char *tomcat_marker = "org.apache.catalina.startup.Bootstrap";
 constexpr unsigned tomcat_wait_s = 5;
 constexpr int tomcat_counts = 5;
 constexpr int web_server_probes = 21;
 constexpr unsigned web_server_wait_s = 1;
-
-// The table's own text for a service, or none.
-const char *find_service(const char *service)
-{
-    for (const char *entry : service_table) {
-        const char *known = entry ? entry : HTTPD_SERVICE;
-        if (strcmp(service, known) == 0)
-            return known;
-    }
-    return nullptr;
-}
 
 void check_script(const char *script)
 {
@@ -61,9 +42,8 @@ void check_script(const char *script)
 
 [[noreturn]] void become_script(const char *script, const char *name, const char *action)
 {
-    char dir_text[text_size];
-    format_text(dir_text, "%s", script); // dirname() writes into what it is given
-    const char *dir = dirname(dir_text);
+    text dir_text = formatted("%s", script); // dirname() writes into what it is given
+    const char *dir = dirname(dir_text.bytes);
     if (chdir(dir) != 0)
         report_fatal(1, "Unable to change directory to %s: %s\n", dir, strerror(errno));
     if (setsid() < 0) {
@@ -71,12 +51,8 @@ void check_script(const char *script)
         _exit(3);
     }
     close_descriptors();
-    const int null_fd = open("/dev/null", O_RDWR);
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        close(fd); // also where /dev/null could not be opened: a daemon must not keep our streams
-        dup2(null_fd, fd);
-    }
-    close(null_fd);
+    silence_streams();
+    restore_signals();
     execlp(script, name, action, static_cast<char *>(nullptr));
     _exit(errno);
 }
@@ -104,8 +80,7 @@ int judge_end(int status, const char *name, const char *label, int report)
 
 int control_plain(const char *service, const char *action)
 {
-    char script[text_size];
-    format_text(script, "%s/%s", PRODUCT_RC_D, service);
+    const text script = formatted("%s/%s", PRODUCT_RC_D, service);
     return run_service_script(script, script, action, 1);
 }
 
@@ -122,17 +97,16 @@ void bounce_web_server()
 
 int control_coldfusion(const char *service, const char *action)
 {
-    MYSQL *db = panel_db_open();
+    owned_db db = panel_db_open();
     if (!db)
         report_fatal(1, "Unable to connect to the mysql database\n");
-    const char *instance = get_misc_param("cf_instance_path", db);
-    mysql_close(db);
+    const char *instance = get_misc_param("cf_instance_path", db.get());
+    db.reset();
     if (!instance || strlen(instance) < 2) {
         report_error(0, 0, "CF not configured in Velqa.\n");
         return -1;
     }
-    char script[text_size];
-    format_text(script, "%s/bin/%s", instance, strcasecmp(service, "jrun") == 0 ? "jrun" : "coldfusion");
+    const text script = formatted("%s/bin/%s", instance, strcasecmp(service, "jrun") == 0 ? "jrun" : "coldfusion");
     const int result = run_service_script(script, script, action, 1);
     if (result == 0 && strcmp(action, "status") != 0)
         bounce_web_server();
@@ -158,8 +132,7 @@ int control_tomcat(const char * /* service */, const char *action)
 {
     constexpr const char *name = "tomcat5";
     const bool is_stop = strcmp(action, "stop") == 0;
-    char script[text_size];
-    format_text(script, "%s/%s", PRODUCT_RC_D, name);
+    const text script = formatted("%s/%s", PRODUCT_RC_D, name);
     int result = run_service_script(script, name, action, is_stop ? 0 : 1);
     if (is_stop && result != 0)
         result = stop_tomcat_by_force();
@@ -186,9 +159,7 @@ int control_web_server(const char * /* service */, const char *action)
         (strcmp(action, "start") == 0 || strcmp(action, "restart") == 0 || strcmp(action, "force-reload") == 0))
         result = wait_for_web_server();
     if (strcasecmp(action, "stop") == 0) {
-        char sweep[text_size];
-        format_text(sweep, "%s/bin/ipc_sweep.sh", PRODUCT_ROOT_D);
-        if (system(sweep) == -1) {
+        if (run_shell(formatted("%s/bin/ipc_sweep.sh", PRODUCT_ROOT_D)) == -1) {
             report_error(0, 0, "Error occured when trying to clean Apache IPC objects: %s\n", strerror(errno));
             return -1;
         }
@@ -196,20 +167,54 @@ int control_web_server(const char * /* service */, const char *action)
     return result;
 }
 
-struct handling {
-    const char *service;  // none: the web server
-    std::size_t compared; // so many bytes of the two names
+// A service and its own handling, where it has one.
+struct service {
+    const char *name; // null: the web server, which has the name that the configuration gives it
     int (*control)(const char *service, const char *action);
 };
 
-// The first that fits, whatever the case of the letters; the rest is plain.
-constexpr handling handlings[] = {
-    {"coldfusion", SIZE_MAX, control_coldfusion},
-    {"jrun", SIZE_MAX, control_coldfusion},
-    {"tomcat5", SIZE_MAX, control_tomcat},
-    {nullptr, 9, control_web_server},
-    {"", 0, control_plain},
+// In the order of lookup.
+constexpr service services[] = {
+    {"vlq", nullptr},
+    {nullptr, nullptr},
+    {"tomcat5", control_tomcat},
+    {"courier-imap", nullptr},
+    {"mysqld", nullptr},
+    {"named", nullptr},
+    {"qmail", nullptr},
+    {"stunnel", nullptr},
+    {"postgresql", nullptr},
+    {"mailman", nullptr},
+    {"coldfusion", control_coldfusion},
+    {"jrun", control_coldfusion},
+    {"drwebd", nullptr},
+    {"smb", nullptr},
+    {"network", nullptr},
+    {"xinetd", nullptr},
 };
+
+// The table's own text for a service, or null.
+const char *find_service(const char *name)
+{
+    for (const service &entry : services) {
+        const char *known = entry.name ? entry.name : HTTPD_SERVICE;
+        if (strcmp(name, known) == 0)
+            return known;
+    }
+    return nullptr;
+}
+
+// Controls a service of the table. The configured name of the web server may be that of another service, in any case of
+// letters, and its first bytes decide.
+int control_known(const char *name, const char *action)
+{
+    constexpr std::size_t compared = 9;
+    for (const service &entry : services)
+        if (entry.control && strcasecmp(name, entry.name) == 0)
+            return entry.control(name, action);
+    return strncasecmp(name, HTTPD_SERVICE, compared) == 0 ? control_web_server(name, action)
+                                                           : control_plain(name, action);
+}
 
 } // namespace
 
@@ -218,9 +223,8 @@ int run_service_script(const char *script, const char *name, const char *action,
     constexpr const char *graceful = "graceful";
     if (strcmp(action, graceful) == 0 && is_process_running("httpd2-prefork") != 0)
         action = "restart";
-    char label[text_size];
     const bool is_graceful = strncmp(action, graceful, strlen(action)) == 0;
-    format_text(label, "%s", is_graceful ? "gracefully restart" : action);
+    const text label = formatted("%s", is_graceful ? "gracefully restart" : action);
 
     check_script(script);
     const pid_t child = fork();
@@ -228,7 +232,7 @@ int run_service_script(const char *script, const char *name, const char *action,
         become_script(script, name, action);
     int status = 0;
     if (child < 0 || waitpid(child, &status, WUNTRACED) < 0) {
-        report_error(0, 0, "Error occured during %s service %s: %s\n", label, name, strerror(errno));
+        report_error(0, 0, "Error occured during %s service %s: %s\n", label.c_str(), name, strerror(errno));
         return -1;
     }
     return judge_end(status, name, label, report);
@@ -243,8 +247,5 @@ int service_control(const char *service, const char *action)
         report_error(0, 0, "Unknown service: %s\n", service);
         return -1;
     }
-    for (const handling &entry : handlings)
-        if (strncasecmp(known, entry.service ? entry.service : HTTPD_SERVICE, entry.compared) == 0)
-            return entry.control(known, action);
-    return -1;
+    return control_known(known, action);
 }

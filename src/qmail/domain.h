@@ -10,7 +10,7 @@
 
 // The id of a domain as text, in a static buffer that the next call overwrites. Asks for the ASCII form of the name
 // and, when there is no such row and the name differs from it, for the name as it is. Without a connection it opens and
-// closes one of its own; when it can't, it reports that (not fatal) and returns none. An unknown domain and a failed
+// closes one of its own; when it can't, it reports that (not fatal) and returns null. An unknown domain and a failed
 // query end the process. A name with a backslash or a quote stops it by assertion.
 const char *get_dom_id(const char *domain, MYSQL *connection);
 
@@ -20,6 +20,7 @@ const char *get_dom_id_safe(const char *domain);
 // Makes the domain directory (popuser's, 0700) and the domain's lines. A disabled domain keeps its directory and its
 // assign line and loses the two others. A directory that cannot be made is undone and ends the process with status
 // 255, without a further message; lines that cannot be added to the control files are undone likewise, status 1.
+// Nothing is undone here and below when the failed step was refused by safe_open.
 int add_mail_domain(const char *domain, int disabled);
 
 // Takes out the domain's lines, the records of all its mailboxes and aliases, and its directory with all that is in it.

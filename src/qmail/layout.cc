@@ -1,6 +1,5 @@
 #include "qmail/layout.h"
 
-#include "common/accounts.h"
 #include "common/conf.h"
 #include "common/idn.h"
 #include "common/safe_open.h"
@@ -8,10 +7,8 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
-#include <unistd.h>
 
-bool find_popuser(popuser_ids &ids)
+bool find_popuser(user_ids &ids)
 {
     if (ids.uid == 0)
         ids.uid = get_user_id("popuser", 0);
@@ -20,7 +17,7 @@ bool find_popuser(popuser_ids &ids)
     return ids.uid != 0 && ids.gid != 0;
 }
 
-void find_popuser_safe(popuser_ids &ids)
+void find_popuser_safe(user_ids &ids)
 {
     if (!find_popuser(ids))
         report_fatal(1, "Unable to define UID or GID for user popuser");
@@ -36,45 +33,62 @@ bool is_empty(const char *text)
     return !text || *text == '\0';
 }
 
-char *domain_toascii_safe(const char *domain)
+owned_text domain_toascii_safe(const char *domain)
 {
-    char *ascii = idn_toascii(domain);
+    owned_text ascii = idn_toascii(domain);
     if (!ascii)
         report_fatal(1, "idn_toascii() failed: %s", idn_error_text(idn_last_error));
     return ascii;
 }
 
-void qmail_path(text_buffer &path, const char *below)
+text qmail_path(const char *below)
 {
-    format_text(path, "%s%s", QMAIL_ROOT_D, below);
+    return formatted("%s%s", QMAIL_ROOT_D, below);
 }
 
-void domain_dir(text_buffer &path, const char *ascii_domain)
+text domain_dir(const owned_text &ascii_domain)
 {
-    format_text(path, "%s/%s", QMAIL_MAILNAMES_D, ascii_domain);
+    return formatted("%s/%s", QMAIL_MAILNAMES_D, ascii_domain.get());
 }
 
-void mailbox_dir(text_buffer &path, const char *ascii_domain, const char *name)
+text mailbox_dir(const owned_text &ascii_domain, const char *name)
 {
-    format_text(path, "%s/%s/%s", QMAIL_MAILNAMES_D, ascii_domain, name);
+    return formatted("%s/%s/%s", QMAIL_MAILNAMES_D, ascii_domain.get(), name);
 }
 
-void dot_qmail_path(text_buffer &path, const char *ascii_domain, const char *mail_name)
+text dot_qmail_path(const owned_text &ascii_domain, const char *mail_name)
 {
-    format_text(path, "%s/%s/%s/.qmail", QMAIL_MAILNAMES_D, ascii_domain, mail_name);
+    return formatted("%s/%s/%s/.qmail", QMAIL_MAILNAMES_D, ascii_domain.get(), mail_name);
 }
 
-void own_dot_qmail_safe(const char *path, const popuser_ids &ids)
+text mailbox_line(const char *domain_id, const char *local_part, const user_ids &ids, const owned_text &ascii_domain,
+                  const char *mail_name)
 {
-    if (safe_chown(path, ids.uid, ids.gid) != 0)
-        report_fatal(1, "Unable to chown %s file: %s", path, strerror(errno));
-    if (safe_chmod(path, 0600) != 0)
-        report_fatal(1, "Unable to chmod %s file: %s", path, strerror(errno));
+    return formatted("=%s-%s:popuser:%d:%d:%s/%s/%s:::", domain_id, local_part, static_cast<int>(ids.uid),
+                     static_cast<int>(ids.gid), QMAIL_MAILNAMES_D, ascii_domain.get(), mail_name);
 }
 
-void mailbox_line(text_buffer &line, const char *domain_id, const char *local_part, const popuser_ids &ids,
-                  const char *ascii_domain, const char *mail_name)
+edit_end renew_line(const char *path, const char *line, placement where, const char *not_removed)
 {
-    format_text(line, "=%s-%s:popuser:%d:%d:%s/%s/%s:::", domain_id, local_part, static_cast<int>(ids.uid),
-                static_cast<int>(ids.gid), QMAIL_MAILNAMES_D, ascii_domain, mail_name);
+    if (file_str_line(path, line, edit::remove, 0) != 0 && not_removed)
+        report_error(0, 0, "%s", not_removed);
+    return file_str_end(path, line, edit::add, where);
+}
+
+int status_of_failure()
+{
+    return is_refusal(errno) ? 0 : 1;
+}
+
+int status_of_failure(edit_end end)
+{
+    return end == edit_end::refused ? 0 : 1;
+}
+
+void own_dot_qmail(const char *path, const user_ids &ids)
+{
+    const safe_step failed = safe_give(path, safe_kind::file, ids.uid, ids.gid, 0600);
+    if (failed != safe_step::none)
+        report_error(status_of_failure(), 1, "Unable to %s %s file: %s", failed == safe_step::chown ? "chown" : "chmod",
+                     path, strerror(errno));
 }

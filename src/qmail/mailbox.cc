@@ -3,17 +3,16 @@
 #include "common/accounts.h"
 #include "common/conf.h"
 #include "common/error.h"
-#include "common/file_str.h"
 #include "common/idn.h"
 #include "common/safe_open.h"
-#include "process/send_sig.h"
+#include "process/remove_tree.h"
 #include "qmail/domain.h"
 #include "qmail/layout.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
+#include <string>
+#include <string_view>
 #include <unistd.h>
 
 namespace {
@@ -28,11 +27,22 @@ struct mail_name_ref {
     const char *domain;
 };
 
-// Ends the process with the message, which speaks of the step that failed, after everything of the mail name is gone.
-[[noreturn]] void undo_and_end(const mail_name_ref &mail, char *message)
+// Says which step on the mailbox directory or below it failed. One that was refused has nothing deleted, and the run
+// goes on without it; after any other everything of the mail name is taken back and the process ends.
+void fail_step(const mail_name_ref &mail, const owned_text &message)
 {
-    remove_mailbox(mail.name, mail.domain);
-    report_fatal(1, "%s", message);
+    const bool refused = is_refusal(errno);
+    if (!refused)
+        remove_mailbox(mail.name, mail.domain);
+    report_error(refused ? 0 : 1, 1, "%s", message.get());
+}
+
+// The same of a step elsewhere: the process ends in any case.
+[[noreturn]] void undo_and_end(const mail_name_ref &mail, const owned_text &message)
+{
+    if (!is_refusal(errno))
+        remove_mailbox(mail.name, mail.domain);
+    report_fatal(1, "%s", message.get());
 }
 
 void check_mail_name(const char *mail_name, const char *domain, const char *failure)
@@ -43,64 +53,80 @@ void check_mail_name(const char *mail_name, const char *domain, const char *fail
 
 void register_mailbox_line(const mail_name_ref &mail, const char *line)
 {
-    text_buffer path;
-    qmail_path(path, "/users/assign");
-    if (file_str_line(path, line, edit::remove, 0) != 0)
-        report_error(0, 0, "Unable to remove record for %s from assign file", mail.name);
-    if (file_str_line(path, line, edit::add, at_start) != 0)
+    const text path = qmail_path("/users/assign");
+    const text not_removed = formatted("Unable to remove record for %s from assign file", mail.name);
+    if (renew_line(path, line, at_start, not_removed) != edit_end::done)
         undo_and_end(mail, alloc_printf("Unable to add record for %s to assign file", mail.name));
-    chmod(path, 0600);
+    safe_chmod(path, safe_kind::file, 0600);
 }
 
 // The file is edited by this name, relative to the mailbox directory, and so is its lock named.
-void renew_dot_qmail(const popuser_ids &ids)
+void renew_dot_qmail(const user_ids &ids)
 {
     constexpr const char *file = ".qmail";
-    if (truncate_or_create_file(file) != 0)
-        report_fatal(1, "Unable to create %s file\n", file);
-    if (safe_chown(file, ids.uid, ids.gid) != 0)
-        report_fatal(1, "Unable to chown .qmail file: %s", strerror(errno));
-    if (safe_chmod(file, 0600) != 0)
-        report_fatal(1, "Unable to chmod .qmail file: %s", strerror(errno));
-    if (file_str_line(file, "| true", edit::add, at_end) != 0)
-        report_fatal(1, "Unable to add string to .qmail file\n");
-}
-
-void make_entries(const mail_name_ref &mail, const char *dir, const popuser_ids &ids)
-{
-    for (const char *entry : mailbox_entries) {
-        if (safe_mkdir(entry, 0700) != 0 && errno != EEXIST)
-            undo_and_end(mail, alloc_printf("Unable to make %s/%s dir: %s", dir, entry, strerror(errno)));
-        if (safe_chown(entry, ids.uid, ids.gid) != 0)
-            undo_and_end(mail, alloc_printf("Unable to chown %s/%s dir: %s", dir, entry, strerror(errno)));
+    if (truncate_or_create_file(file) != 0) {
+        report_error(status_of_failure(), 1, "Unable to create %s file\n", file);
+        return;
     }
+    const safe_step failed = safe_give(file, safe_kind::file, ids.uid, ids.gid, 0600);
+    if (failed != safe_step::none) {
+        report_error(status_of_failure(), 1, "Unable to %s .qmail file: %s",
+                     failed == safe_step::chown ? "chown" : "chmod", strerror(errno));
+        return;
+    }
+    const edit_end end = file_str_end(file, "| true", edit::add, at_end);
+    if (end != edit_end::done)
+        report_error(status_of_failure(end), 1, "Unable to add string to .qmail file\n");
 }
 
-void make_mailbox_dir(const mail_name_ref &mail, const char *dir, const popuser_ids &ids)
+const char *verb_of(safe_step step)
 {
-    if (safe_mkdir(dir, 0700) != 0 && errno != EEXIST)
-        undo_and_end(mail, alloc_printf("Unable to make %s dir: %s", dir, strerror(errno)));
-    if (safe_chown(dir, ids.uid, ids.gid) != 0)
-        undo_and_end(mail, alloc_printf("Unable to chown %s dir: %s", dir, strerror(errno)));
-    text_buffer saved_dir;
-    if (!getcwd(saved_dir, sizeof saved_dir))
+    return step == safe_step::mkdir ? "make" : "chown";
+}
+
+bool make_entry(const mail_name_ref &mail, const char *dir, const char *entry, const user_ids &ids)
+{
+    const safe_step failed = safe_make_dir(entry, ids.uid, ids.gid, 0700);
+    if (failed != safe_step::none)
+        fail_step(mail, alloc_printf("Unable to %s %s/%s dir: %s", verb_of(failed), dir, entry, strerror(errno)));
+    return failed == safe_step::none;
+}
+
+// What lies below an entry that was refused is passed over.
+void make_entries(const mail_name_ref &mail, const char *dir, const user_ids &ids)
+{
+    std::string refused;
+    for (const std::string_view entry : mailbox_entries)
+        if ((refused.empty() || !entry.starts_with(refused)) && !make_entry(mail, dir, entry.data(), ids))
+            refused = std::string(entry) + "/";
+}
+
+// False when the mailbox directory was refused.
+bool make_mailbox_dir(const mail_name_ref &mail, const char *dir, const user_ids &ids)
+{
+    if (const safe_step failed = safe_make_dir(dir, ids.uid, ids.gid, 0700); failed != safe_step::none) {
+        fail_step(mail, alloc_printf("Unable to %s %s dir: %s", verb_of(failed), dir, strerror(errno)));
+        return false;
+    }
+    text saved_dir;
+    if (!getcwd(saved_dir.bytes, sizeof saved_dir.bytes))
         undo_and_end(mail, alloc_printf("Unable to getcwd: %s", strerror(errno)));
-    if (safe_chdir(dir) != 0)
-        undo_and_end(mail, alloc_printf("Unable to chdir %s: %s", dir, strerror(errno)));
+    if (safe_chdir(dir) != 0) {
+        fail_step(mail, alloc_printf("Unable to chdir %s: %s", dir, strerror(errno)));
+        return false;
+    }
     renew_dot_qmail(ids);
     make_entries(mail, dir, ids);
-    if (chdir(saved_dir) != 0)
-        undo_and_end(mail, alloc_printf("Unable to chdir %s: %s", saved_dir, strerror(errno)));
+    if (safe_chdir(saved_dir) != 0)
+        undo_and_end(mail, alloc_printf("Unable to chdir %s: %s", saved_dir.c_str(), strerror(errno)));
+    return true;
 }
 
 // A record is found again by the end of its home directory.
-int remove_poppasswd_record(const char *mail_name, const char *ascii_domain)
+int remove_poppasswd_record(const char *mail_name, const owned_text &ascii_domain)
 {
-    text_buffer path;
-    qmail_path(path, "/users/poppasswd");
-    text_buffer ending;
-    format_text(ending, "/%s/%s", ascii_domain, mail_name);
-    return file_str_line(path, ending, edit::remove_matching, suffix);
+    const text ending = formatted("/%s/%s", ascii_domain.get(), mail_name);
+    return file_str_line(qmail_path("/users/poppasswd"), ending, edit::remove_matching, suffix);
 }
 
 } // namespace
@@ -108,44 +134,31 @@ int remove_poppasswd_record(const char *mail_name, const char *ascii_domain)
 int add_mailbox(const char *mail_name, const char *domain)
 {
     check_mail_name(mail_name, domain, "invalid mailname or domain name.");
-    char *ascii = idn_toascii_safe(domain);
-    static popuser_ids ids;
+    const owned_text ascii = idn_toascii_safe(domain);
+    static user_ids ids;
     find_popuser_safe(ids);
-
     const mail_name_ref mail = {mail_name, domain};
-    text_buffer line;
-    mailbox_line(line, get_dom_id_safe(domain), mail_name, ids, ascii, mail_name);
-    register_mailbox_line(mail, line);
-    text_buffer dir;
-    mailbox_dir(dir, ascii, mail_name);
-    make_mailbox_dir(mail, dir, ids);
-    free(ascii);
-    return 0;
+    register_mailbox_line(mail, mailbox_line(get_dom_id_safe(domain), mail_name, ids, ascii, mail_name));
+    return make_mailbox_dir(mail, mailbox_dir(ascii, mail_name), ids) ? 0 : 1;
 }
 
 int remove_mailbox(const char *mail_name, const char *domain)
 {
     check_mail_name(mail_name, domain, "empty mailname or maildomain");
-    char *ascii = domain_toascii_safe(domain);
-    const popuser_ids ids = {get_user_id("popuser", 0), get_user_id("popuser", 1)};
+    const owned_text ascii = domain_toascii_safe(domain);
+    const user_ids ids = get_user_ids("popuser");
     if (ids.uid == 0 || ids.gid == 0)
         report_fatal(1, "Unable to get popuser uid or gid\n");
 
-    text_buffer path;
-    qmail_path(path, "/users/assign");
-    text_buffer line;
-    mailbox_line(line, get_dom_id_safe(domain), mail_name, ids, ascii, mail_name);
-    if (file_str_line(path, line, edit::remove, 0) != 0)
+    const text assign = qmail_path("/users/assign");
+    const text line = mailbox_line(get_dom_id_safe(domain), mail_name, ids, ascii, mail_name);
+    if (file_str_line(assign, line, edit::remove, 0) != 0)
         report_error(0, 0, "Unable to remove %s mailbox record from assign file", mail_name);
-    chmod(path, 0600);
+    safe_chmod(assign, safe_kind::file, 0600);
     if (remove_poppasswd_record(mail_name, ascii) != 0)
         report_error(0, 0, "Unable to remove %s mailbox record from password file\n", mail_name);
-    qmail_path(path, "/users/poppasswd");
-    chmod(path, 0600);
-
-    mailbox_dir(path, ascii, mail_name);
-    free(ascii);
-    remove_tree(path, 1);
+    safe_chmod(qmail_path("/users/poppasswd"), safe_kind::file, 0600);
+    remove_tree(mailbox_dir(ascii, mail_name), 1);
     return 0;
 }
 
@@ -153,32 +166,29 @@ int add_postbox(const char *mail_name, const char *domain, const char *password,
 {
     check_mail_name(mail_name, domain, "empty mailname or maildomain");
     add_poppasswd_record(mail_name, domain, password, disabled, short_names_disabled);
-    char *ascii = domain_toascii_safe(domain);
-    text_buffer path;
-    dot_qmail_path(path, ascii, mail_name);
-    free(ascii);
-    file_str_line(path, delivery_line, edit::remove, 0);
-    if (file_str_line(path, delivery_line, edit::add, at_end) != 0) {
-        remove_postbox(mail_name, domain);
-        report_fatal(1, "Unable to add string to %s file.", path);
+    const text path = dot_qmail_path(domain_toascii_safe(domain), mail_name);
+    const edit_end end = renew_line(path, delivery_line, at_end, nullptr);
+    if (end != edit_end::done) {
+        if (!is_refusal(errno))
+            remove_postbox(mail_name, domain);
+        report_error(status_of_failure(end), 1, "Unable to add string to %s file.", path.c_str());
+        return 0;
     }
-    static popuser_ids ids;
+    static user_ids ids;
     find_popuser_safe(ids);
-    own_dot_qmail_safe(path, ids);
+    own_dot_qmail(path, ids);
     return 0;
 }
 
 int remove_postbox(const char *mail_name, const char *domain)
 {
     check_mail_name(mail_name, domain, "empty mailname or maildomain");
-    char *ascii = domain_toascii_safe(domain);
+    const owned_text ascii = domain_toascii_safe(domain);
     if (remove_poppasswd_record(mail_name, ascii) != 0)
         report_error(0, 0, "Unable to remove a record from poppassword file\n");
-    text_buffer path;
-    dot_qmail_path(path, ascii, mail_name);
-    free(ascii);
+    const text path = dot_qmail_path(ascii, mail_name);
     if (file_str_line(path, delivery_line, edit::remove, 0) != 0)
-        report_error(0, 0, "Unable to remove string from %s file", path);
+        report_error(0, 0, "Unable to remove string from %s file", path.c_str());
     return 0;
 }
 
@@ -187,19 +197,15 @@ int add_poppasswd_record(const char *mail_name, const char *domain, const char *
 {
     if (is_empty(mail_name) || is_empty(domain))
         report_fatal(1, "empty mailname or maildomain");
-    char *ascii = domain_toascii_safe(domain);
+    const owned_text ascii = domain_toascii_safe(domain);
     if (remove_poppasswd_record(mail_name, ascii) != 0)
         report_error(0, 0, "Unable to remove record from popasswd file\n");
-    if (!is_empty(password)) {
-        text_buffer path;
-        qmail_path(path, "/users/poppasswd");
-        text_buffer record;
-        format_text(record, "%s%s%s:%s%s:popuser:%s/%s/%s\n", mail_name, short_names_disabled ? "@" : "",
-                    short_names_disabled ? ascii : "", disabled ? "!" : "", password, QMAIL_MAILNAMES_D, ascii,
-                    mail_name);
-        if (file_str_line(path, record, edit::add, at_end) != 0)
-            report_fatal(1, "Unable to add record to poppasswd file");
-    }
-    free(ascii);
+    if (is_empty(password))
+        return 0;
+    const text record = formatted("%s%s%s:%s%s:popuser:%s/%s/%s\n", mail_name, short_names_disabled ? "@" : "",
+                                  short_names_disabled ? ascii.get() : "", disabled ? "!" : "", password,
+                                  QMAIL_MAILNAMES_D, ascii.get(), mail_name);
+    if (file_str_line(qmail_path("/users/poppasswd"), record, edit::add, at_end) != 0)
+        report_fatal(1, "Unable to add record to poppasswd file");
     return 0;
 }

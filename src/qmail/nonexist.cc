@@ -1,18 +1,15 @@
 #include "qmail/nonexist.h"
 
 #include "common/error.h"
-#include "common/file_str.h"
 #include "common/get.h"
 #include "common/idn.h"
+#include "common/names.h"
 #include "common/safe_open.h"
 #include "qmail/layout.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -32,19 +29,14 @@ const char *get_mail_parameter(const char *domain_id, const char *parameter, MYS
 int set_catch(const char *domain, const char *domain_id, MYSQL *connection)
 {
     const char *address = get_mail_parameter(domain_id, "catch_addr", connection);
-    if (is_empty(address))
+    if (is_empty(address) || is_more_than_line(address))
         address = get_client_email(domain_id, connection);
-    text_buffer root_address;
-    if (is_empty(address)) {
-        format_text(root_address, "root@%s", domain);
+    const text root_address = formatted("root@%s", domain);
+    if (is_empty(address) || is_more_than_line(address))
         address = root_address;
-    }
-    char *converted = idn_email_toascii_safe(address);
-    text_buffer line;
-    format_text(line, "&%s", converted);
-    free(converted);
+    const owned_text converted = idn_email_toascii_safe(address);
     set_reject(domain, 0);
-    return add_bounce(domain, line);
+    return add_bounce(domain, formatted("&%s", converted.get()));
 }
 
 } // namespace
@@ -95,16 +87,14 @@ int set_reject(const char *domain, int reject)
 {
     if (is_empty(domain))
         report_fatal(1, "set_reject: empty domain");
-    char *ascii = domain_toascii_safe(domain);
-    text_buffer path;
-    qmail_path(path, "/control/rejectnonexist");
+    const owned_text ascii = domain_toascii_safe(domain);
+    const text path = qmail_path("/control/rejectnonexist");
     if (create_file(path) != 0)
-        report_fatal(1, "set_reject: Unable to create %s file.", path);
-    if (file_str_line(path, ascii, reject ? edit::add : edit::remove, at_end) != 0)
-        report_fatal(1, "set_reject: Unable to update %s file.", path);
-    free(ascii);
-    if (chmod(path, 0644) != 0)
-        report_fatal(1, "set_reject: chmod %s failed: %s\n", path, strerror(errno));
+        report_fatal(1, "set_reject: Unable to create %s file.", path.c_str());
+    if (file_str_line(path, ascii.get(), reject ? edit::add : edit::remove, at_end) != 0)
+        report_fatal(1, "set_reject: Unable to update %s file.", path.c_str());
+    if (safe_chmod(path, safe_kind::file, 0644) != 0)
+        report_fatal(1, "set_reject: chmod %s failed: %s\n", path.c_str(), strerror(errno));
     return 0;
 }
 
@@ -118,19 +108,18 @@ int add_bounce(const char *domain, const char *line)
 {
     if (is_empty(domain))
         report_fatal(1, "add_bounce: empty domain");
-    char *ascii = domain_toascii_safe(domain);
-    static popuser_ids ids;
+    const owned_text ascii = domain_toascii_safe(domain);
+    static user_ids ids;
     if (!find_popuser(ids))
         report_fatal(1, "add_bounce: Unable to define UID or GID for user popuser");
-    text_buffer path;
-    mailbox_dir(path, ascii, ".qmail-default");
-    free(ascii);
+    const text path = mailbox_dir(ascii, ".qmail-default");
     safe_unlink(path);
     if (file_str_line(path, line, edit::add, at_end) != 0)
-        report_fatal(1, "add_bounce: Unable to add record to %s file.", path);
-    if (safe_chown(path, ids.uid, ids.gid) != 0)
-        report_fatal(1, "add_bounce: chown %s failed: %s", path, strerror(errno));
-    if (safe_chmod(path, 0600) != 0)
-        report_fatal(1, "add_bounce: chmod %s failed: %s\n", path, strerror(errno));
+        report_fatal(1, "add_bounce: Unable to add record to %s file.", path.c_str());
+    const safe_step failed = safe_give(path, safe_kind::file, ids.uid, ids.gid, 0600);
+    if (failed == safe_step::chown)
+        report_fatal(1, "add_bounce: chown %s failed: %s", path.c_str(), strerror(errno));
+    if (failed == safe_step::chmod)
+        report_fatal(1, "add_bounce: chmod %s failed: %s\n", path.c_str(), strerror(errno));
     return 0;
 }

@@ -9,7 +9,6 @@
 #include "qmail/layout.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,31 +16,28 @@
 
 namespace {
 
-void quota_path(text_buffer &path, const char *domain, const char *mail_name)
+text quota_path(const char *domain, const char *mail_name)
 {
     constexpr const char *file = "@mbox.quota";
-    char *ascii = domain_toascii_safe(domain);
-    if (mail_name)
-        format_text(path, "%s/%s/%s/%s", QMAIL_MAILNAMES_D, ascii, mail_name, file);
-    else
-        mailbox_dir(path, ascii, file);
-    free(ascii);
+    const owned_text ascii = domain_toascii_safe(domain);
+    return mail_name ? formatted("%s/%s/%s/%s", QMAIL_MAILNAMES_D, ascii.get(), mail_name, file)
+                     : mailbox_dir(ascii, file);
 }
 
-// A handle that holds the lock, or none after a report.
-file_lock *lock_quota(const char *path, int system_error_flag)
+// A handle that holds the lock, or null after a report.
+std::unique_ptr<file_lock> lock_quota(const char *path, int system_error_flag)
 {
-    file_lock *lock = lock_file_exclusive(path, 1);
+    auto lock = lock_file_exclusive(path, 1);
     if (lock_file_is_held(lock))
         return lock;
     report_error(0, system_error_flag, "Error while locking file %s.\n", path);
-    lock_file_release(lock);
+    lock_file_release(std::move(lock));
     return nullptr;
 }
 
-void unlock_quota(file_lock *lock, const char *path)
+void unlock_quota(std::unique_ptr<file_lock> lock, const char *path)
 {
-    if (lock_file_release(lock) != 0)
+    if (lock_file_release(std::move(lock)) != 0)
         report_error(0, 0, "Error while unlocking file %s\n", path);
 }
 
@@ -66,55 +62,52 @@ bool write_quota(const char *path, std::int64_t quota)
 
 bool own_quota(const char *path)
 {
-    const popuser_ids ids = {get_user_id("popuser", 0), get_user_id("popuser", 1)};
-    if (safe_chown(path, ids.uid, ids.gid) != 0) {
+    const user_ids ids = get_user_ids("popuser");
+    const safe_step failed = safe_give(path, safe_kind::file, ids.uid, ids.gid, 0640);
+    if (failed == safe_step::chown)
         report_error(0, 1, "Unable to chown quota file %s\n", path);
-        return false;
-    }
-    if (safe_chmod(path, 0640) != 0) {
+    if (failed == safe_step::chmod)
         report_error(0, 1, "Unable to chmod for quota file %s\n", path);
-        return false;
-    }
-    return true;
+    return failed == safe_step::none;
 }
 
 } // namespace
 
 int write_mbox_quota(const char *domain, const char *mail_name, std::int64_t quota)
 {
-    text_buffer path;
-    quota_path(path, domain, mail_name);
-    file_lock *lock = lock_quota(path, 0);
+    const text path = quota_path(domain, mail_name);
+    auto lock = lock_quota(path, 0);
     if (!lock)
         return 0;
     if (!write_quota(path, quota)) {
-        lock_file_release(lock);
+        lock_file_release(std::move(lock));
         return 0;
     }
     if (!own_quota(path)) {
-        lock_file_release(lock); // first: the removal takes the same lock
-        remove_mbox_quota(domain, mail_name);
+        const bool refused = is_refusal(errno);
+        lock_file_release(std::move(lock)); // first: the removal takes the same lock
+        if (!refused)
+            remove_mbox_quota(domain, mail_name);
         return 0;
     }
-    unlock_quota(lock, path);
+    unlock_quota(std::move(lock), path);
     return 1;
 }
 
 int remove_mbox_quota(const char *domain, const char *mail_name)
 {
-    text_buffer path;
-    quota_path(path, domain, mail_name);
+    const text path = quota_path(domain, mail_name);
     struct stat status;
     if (stat(path, &status) != 0)
         return 1;
-    file_lock *lock = lock_quota(path, 1);
+    auto lock = lock_quota(path, 1);
     if (!lock)
         return 0;
     if (safe_unlink(path) != 0) {
-        report_error(0, 1, "System Error: can not remove quota file %s\n", path);
-        lock_file_release(lock);
+        report_error(0, 1, "System Error: can not remove quota file %s\n", path.c_str());
+        lock_file_release(std::move(lock));
         return 0;
     }
-    unlock_quota(lock, path);
+    unlock_quota(std::move(lock), path);
     return 1;
 }

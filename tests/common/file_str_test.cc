@@ -125,7 +125,10 @@ TEST(file_str, leaves_the_former_lines_and_nothing_else_when_a_step_fails)
     constexpr auto directory = [] { unlink("f"), mkdir("f", 0700); };
     constexpr auto copy_dir = [] { mkdir("f.tmp", 0700); };
     constexpr auto mounted = [] { mount_on_itself("f"); };
-    constexpr auto no_right = [] { chmod(".", 0777), chmod("product/var/lock/files", 0777), seteuid(9); };
+    constexpr auto no_right = [] {
+        write_file("product/var/lock/files/8fa14cdd754f91cc6554c9e71929cce7", "", 0666);
+        chmod(".", 0777), seteuid(9);
+    };
     const struct {
         void (*prepare)();
         edit action;
@@ -209,7 +212,7 @@ TEST(file_str, takes_no_file_for_its_own_copy_when_the_path_leaves_no_room_for_t
         path.insert(0, path.size() % 2 ? "./" : "/");
     write_file("f", "a\nb\n");
     const outcome done = in_child([&] { return file_str_line(path.c_str(), "a", edit::remove, 0); });
-    EXPECT_EQ(done.err, "Unable to open file " + path + ": File name too long\n");
+    EXPECT_EQ(messages(done.err), "file_str: Unable to stat file " + path + ": File name too long\n");
     EXPECT_EQ(std::to_string(done.status) + read_file("f"), "1a\nb\n");
 }
 

@@ -51,9 +51,8 @@ TEST(get, tells_no_value_from_no_answer_on_either_kind_of_connection)
         sql(change);
         EXPECT_EQ(trial([ask_own = ask] { return ask_own(nullptr); }), answer);
         EXPECT_EQ(trial([ask_lent = ask] {
-                      MYSQL *db = panel_db_open();
-                      const char *value = ask_lent(db);
-                      return mysql_close(db), value;
+                      const owned_db db = panel_db_open();
+                      return ask_lent(db.get());
                   }),
                   answer);
     }

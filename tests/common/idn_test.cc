@@ -5,7 +5,7 @@
 TEST(idn, converts_a_domain_or_tells_why_not)
 {
     const struct {
-        char *(*convert)(const char *);
+        owned_text (*convert)(const char *);
         std::string from, told;
     } cases[] = {
         {idn_toascii, "Mail.Example_x", "Mail.Example_x, Success"},
@@ -21,9 +21,9 @@ TEST(idn, converts_a_domain_or_tells_why_not)
     };
     for (const auto &each : cases) {
         const outcome done = in_child([&] {
-            char *text = each.convert(each.from.c_str());
-            printf("%s, %s", text ? text : "none", idn_error_text(idn_last_error));
-            return free(text), 0;
+            const owned_text text = each.convert(each.from.c_str());
+            printf("%s, %s", text ? text.get() : "none", idn_error_text(idn_last_error));
+            return 0;
         });
         EXPECT_TRUE(done.out == each.told && done.status == each.told.ends_with('\n')) << each.from << done.out;
     }

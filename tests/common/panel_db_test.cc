@@ -19,9 +19,7 @@ extern "C" int STDCALL mysql_query(MYSQL *db, const char *query)
 static const char *prepare()
 {
     static char message[4097];
-    MYSQL *db = panel_db_connect(message);
-    mysql_close(db);
-    return db ? last_query.c_str() : message;
+    return panel_db_connect(message) ? last_query.c_str() : message;
 }
 
 TEST(panel_db, prepares_a_connection_for_its_server_or_says_which_step_failed)

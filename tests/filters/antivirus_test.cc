@@ -33,9 +33,8 @@ static outcome rebuild()
 {
     return in_child([] {
         DRWEB_ETC_D = "/etc/drweb";
-        MYSQL *db = panel_db_open();
-        av_rebuild_recipients(db);
-        mysql_close(db);
+        const owned_db db = panel_db_open();
+        av_rebuild_recipients(db.get());
         return 0;
     });
 }

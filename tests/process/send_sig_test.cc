@@ -1,5 +1,7 @@
 #include "process/send_sig.h"
 
+#include "process/remove_tree.h"
+
 #include "common/conf.h"
 #include "support.h"
 

@@ -65,9 +65,10 @@ const struct {
     {"rm -r $box; echo >$box", add_info, 1, "rv+.", "Unable to chdir ~/info: Not a directory\n"},
     {"dir $box/.qmail", add_info, 1, all,
      "Unable to truncate or create file .qmail: Is a directory\nUnable to create .qmail file\n"},
-    {"link $box/.qmail /proc/self/comm", add_info, 1, all,
-     "Unable to truncate or create file .qmail: Too many levels of symbolic links\nUnable to create .qmail file\n"},
-    {"rm -r $box/Maildir; echo >$box/Maildir", add_info, 1, "rv+.",
+    {"link $box/.qmail /proc/self/comm", add_info, 0, "rv+=p.i@1", ""},
+    {"rm -r $box/Maildir; echo >$box/Maildir", add_info, 0, "rv+=p.i@",
+     "Unable to chown ~/info/Maildir dir: Too many links\n"},
+    {"rm -r $box/Maildir; echo >$box/Maildir; chown popuser $box/Maildir", add_info, 1, "rv+.",
      "Unable to make ~/info/Maildir/tmp dir: Not a directory\n"},
     {"rm -r $box", enable_info, 1, "rv+=.",
      unopened("~/info/.qmail") +

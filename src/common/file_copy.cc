@@ -1,0 +1,68 @@
+#include "common/file_copy.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+int file_copy_begin(file_copy &copy, const char *path, const safe_dir &dir, const char *name)
+{
+    format_text(copy.path, "%s.tmp", path);
+    copy.dir = dir;
+    copy.name = copy.path + (name - path);
+    const int former_errno = errno;
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    copy.fd = openat(dir.fd, copy.name, flags, 0600);
+    if (copy.fd < 0 && errno == EEXIST && unlinkat(dir.fd, copy.name, 0) == 0)
+        copy.fd = openat(dir.fd, copy.name, flags, 0600);
+    if (copy.fd < 0) {
+        file_copy_complain("Unable to open file", copy);
+        return -1;
+    }
+    errno = former_errno; // a leftover that is gone is no error of what follows
+    return 0;
+}
+
+file_copy_failure file_copy_own(int fd, const struct stat &status)
+{
+    const int former_errno = errno;
+    file_copy_failure failure{};
+    if (fchown(fd, status.st_uid, status.st_gid) != 0)
+        failure = {"chown", errno};
+    if (fchmod(fd, status.st_mode & 07777) != 0 && !failure.call)
+        failure = {"chmod", errno};
+    errno = former_errno;
+    return failure;
+}
+
+int file_copy_close(file_copy &copy)
+{
+    return close(std::exchange(copy.fd, -1));
+}
+
+int file_copy_commit(const file_copy &copy, const char *name)
+{
+    if (renameat(copy.dir.fd, copy.name, copy.dir.fd, name) == 0)
+        return 0;
+    const int cause = errno;
+    unlinkat(copy.dir.fd, copy.name, 0);
+    errno = cause;
+    return -1;
+}
+
+void file_copy_drop(file_copy &copy)
+{
+    const int former_errno = errno;
+    if (copy.fd >= 0)
+        file_copy_close(copy);
+    unlinkat(copy.dir.fd, copy.name, 0);
+    errno = former_errno;
+}
+
+void file_copy_complain(const char *what, const file_copy &copy)
+{
+    fprintf(stderr, "%s %s: %s\n", what, copy.path, strerror(errno));
+    fflush(stderr);
+}
