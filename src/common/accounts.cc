@@ -10,7 +10,6 @@
 #include <cstring>
 #include <pwd.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 uid_t get_user_id(const char *name, int which)
 {
@@ -31,13 +30,13 @@ user_ids get_user_ids(const char *name)
     return {0, 0};
 }
 
-int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t bits)
+int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode)
 {
     errno = 0;
     struct stat status;
     if (stat(path, &status) != 0)
         return 0;
-    const safe_step failed = safe_give(path, safe_kind::file, uid, gid, bits);
+    const safe_step failed = safe_give(path, safe_kind::file, uid, gid, mode);
     if (failed == safe_step::none)
         return 0;
     report_error(0, 0, "ERROR: unable to %s %s: %s\n", failed == safe_step::chown ? "chown" : "chmod", path,
@@ -45,15 +44,15 @@ int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t bits)
     return -1;
 }
 
-int make_dir(const char *path, uid_t uid, gid_t gid, mode_t bits)
+int make_dir(const char *path, uid_t uid, gid_t gid, mode_t mode)
 {
     errno = 0;
     const char *failed = nullptr;
-    if (safe_mkdir(path, bits) != 0 && errno != EEXIST)
+    if (safe_mkdir(path, mode) != 0 && errno != EEXIST)
         failed = "mkdir";
     else if (safe_chown(path, safe_kind::directory, uid, gid) != 0 && errno != ENOENT)
         failed = "chown";
-    else if (safe_chmod(path, safe_kind::directory, bits) != 0 && errno != ENOENT) // mkdir's bits were less the umask
+    else if (safe_chmod(path, safe_kind::directory, mode) != 0 && errno != ENOENT) // mkdir's mode was less the umask
         failed = "chmod";
     if (!failed)
         return 0;
@@ -77,25 +76,29 @@ int rename_dir(const char *old_path, const char *new_path)
     return 0;
 }
 
-static bool is_dir_itself(const char *path)
+namespace {
+
+bool is_dir_itself(const char *path)
 {
     struct stat status;
     return lstat(path, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+} // namespace
+
 int is_inside_dir(const char *path, const char *dir)
 {
     static_assert(text_size >= PATH_MAX, "realpath() needs this much");
-    char inner[text_size];
-    char outer[text_size];
+    text inner;
+    text outer;
     if (!is_dir_itself(path) || !is_dir_itself(dir))
         return 0;
     const int former_errno = errno;
-    if (!realpath(path, inner) || !realpath(dir, outer))
+    if (!realpath(path, inner.bytes) || !realpath(dir, outer.bytes))
         return 0;
     errno = former_errno; // realpath() leaves one behind where it succeeds
     const std::size_t length = strlen(outer);
-    return strncmp(inner, outer, length) == 0 && inner[length] == '/';
+    return strncmp(inner, outer, length) == 0 && inner.bytes[length] == '/';
 }
 
 void random_salt(char *buffer, int count)

@@ -16,14 +16,14 @@ struct user_ids {
 };
 user_ids get_user_ids(const char *name);
 
-// Gives a path an owner and permission bits, following links. Returns 0, also when the path cannot be examined, or -1
+// Gives a path an owner and a mode, by the rule of safe_open. Returns 0, also when the path cannot be examined, or -1
 // after "ERROR: unable to chown %s: %s\n" or "ERROR: unable to chmod %s: %s\n". Clears errno.
-int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t bits);
+int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
-// Makes a directory, or takes what is there, with this owner and exactly these bits. Returns 0, or -1 after "ERROR:
+// Makes a directory, or takes what is there, with this owner and exactly this mode. Returns 0, or -1 after "ERROR:
 // Unable to mkdir %s: %s\n", or the same for chown and chmod. Clears errno on entry; a
 // directory that was there leaves EEXIST behind.
-int make_dir(const char *path, uid_t uid, gid_t gid, mode_t bits);
+int make_dir(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
 // Renames a directory, never over something else. Returns 0, also when there is nothing to rename, or -1 after
 // "Directory rename error: target directory %s already exists.\n" or "Remaming %s to %s failed: %s\n".

@@ -1,12 +1,14 @@
 #include "common/conf.h"
 
 #include "common/error.h"
+#include "common/owned.h"
 
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
+#include <utility>
 
 #define CONF_VARIABLE(key) const char *key = nullptr;
 CONF_KEYS(CONF_VARIABLE)
@@ -26,7 +28,7 @@ constexpr conf_key conf_keys[] = {CONF_KEYS(CONF_ENTRY)};
 #undef CONF_ENTRY
 
 // The whole file, with every line end and the whitespace before it turned into NUL bytes.
-char *cache = nullptr;
+owned_text cache;
 std::size_t cache_size = 0;
 
 bool is_space(char byte)
@@ -46,23 +48,18 @@ void cut_lines(char *text, std::size_t size)
 
 void fill_cache()
 {
-    FILE *file = fopen(conf_path, "re");
-    if (!file)
-        return;
+    const owned_stream file(fopen(conf_path, "re"));
     struct stat status;
-    if (fstat(fileno(file), &status) == 0) {
-        const auto size = static_cast<std::size_t>(status.st_size);
-        char *text = static_cast<char *>(malloc(size + 2));
-        if (text && fread(text, size, 1, file) == 1) {
-            text[size] = text[size + 1] = '\0';
-            cut_lines(text, size);
-            cache = text;
-            cache_size = size;
-        } else {
-            free(text);
-        }
-    }
-    fclose(file);
+    if (!file || fstat(fileno(file.get()), &status) != 0)
+        return;
+    const auto size = static_cast<std::size_t>(status.st_size);
+    owned_text text(static_cast<char *>(malloc(size + 2)));
+    if (!text || fread(text.get(), size, 1, file.get()) != 1)
+        return;
+    text.get()[size] = text.get()[size + 1] = '\0';
+    cut_lines(text.get(), size);
+    cache = std::move(text);
+    cache_size = size;
 }
 
 } // namespace
@@ -75,8 +72,8 @@ const char *conf_get(const char *key)
         return nullptr;
 
     const std::size_t length = strlen(key);
-    const char *end = cache + cache_size;
-    for (const char *at = cache; at < end; at += strlen(at) + 1) {
+    const char *end = cache.get() + cache_size;
+    for (const char *at = cache.get(); at < end; at += strlen(at) + 1) {
         while (is_space(*at))
             ++at;
         if (strncmp(at, key, length) != 0 || !is_space(at[length]))

@@ -41,13 +41,13 @@
     KEY(LIB_CRYPTO_PATH)                                                                                               \
     KEY(CLIENT_PHP_BIN)
 
-// One variable per key, none until load_conf has come to it and never empty after that. The texts belong to the
+// One variable per key, null until load_conf has come to it and never empty after that. The texts belong to the
 // configuration cache, which lives as long as the process: nobody changes or frees them.
 #define CONF_VARIABLE(key) extern const char *key;
 CONF_KEYS(CONF_VARIABLE)
 #undef CONF_VARIABLE
 
-// Looks one key up: the value of the first line that gives it one, or none when no line does or the file cannot be
+// Looks one key up: the value of the first line that gives it one, or null when no line does or the file cannot be
 // read. The first lookup that can read the file keeps it for the life of the process. Keys compare exactly; a value
 // runs to the end of its line without the whitespace there (which stays on a last line without a newline). Reports
 // nothing. The text is valid until the process ends and is not the caller's to free.

@@ -9,8 +9,10 @@
 
 const char *program_name = nullptr;
 
+namespace {
+
 // As POSIX has it: without the slashes at the end; "." for no name at all, "/" for slashes alone.
-static std::string_view base_name(std::string_view path)
+std::string_view base_name(std::string_view path)
 {
     if (path.empty())
         return ".";
@@ -21,7 +23,7 @@ static std::string_view base_name(std::string_view path)
     return path.substr(path.rfind('/') + 1);
 }
 
-static void print_line(FILE *stream, const char *text)
+void print_line(FILE *stream, const char *text)
 {
     if (program_name) {
         const std::string_view name = base_name(program_name);
@@ -34,28 +36,29 @@ static void print_line(FILE *stream, const char *text)
     fflush(stream);
 }
 
-static void print_message(const char *text)
+void print_message(const char *text)
 {
     print_line(stderr, text);
     print_line(stdout, text);
 }
 
 // Makes room for at least `needed` bytes; without memory the buffer stays as it is, and what comes next is cut to it.
-static void grow(char *&buffer, std::size_t &capacity, std::size_t needed)
+void grow(owned_text &buffer, std::size_t &capacity, std::size_t needed)
 {
     if (needed <= capacity)
         return;
-    if (char *grown = static_cast<char *>(realloc(buffer, needed))) {
-        buffer = grown;
+    if (auto *grown = static_cast<char *>(realloc(buffer.get(), needed))) {
+        [[maybe_unused]] const char *former = buffer.release();
+        buffer.reset(grown);
         capacity = needed;
     }
 }
 
-__attribute__((format(printf, 1, 0))) static void print_report(const char *format, va_list arguments)
+__attribute__((format(printf, 1, 0))) void print_report(const char *format, va_list arguments)
 {
     const int saved_errno = errno;
     std::size_t capacity = text_size;
-    char *buffer = static_cast<char *>(malloc(capacity));
+    owned_text buffer(static_cast<char *>(malloc(capacity)));
     if (!buffer) {
         print_message("Can't allocate memory for error message");
         errno = saved_errno;
@@ -64,32 +67,32 @@ __attribute__((format(printf, 1, 0))) static void print_report(const char *forma
 
     va_list again;
     va_copy(again, arguments);
-    const int needed = vsnprintf(buffer, capacity, format, arguments);
+    const int needed = vsnprintf(buffer.get(), capacity, format, arguments);
     if (needed >= 0 && static_cast<std::size_t>(needed) >= capacity) {
         grow(buffer, capacity, static_cast<std::size_t>(needed) + 1);
-        vsnprintf(buffer, capacity, format, again);
+        vsnprintf(buffer.get(), capacity, format, again);
     }
     va_end(again);
 
     errno = saved_errno;
     if (saved_errno != 0) {
-        char suffix[text_size];
-        format_text(suffix, "\nSystem error %d: %s", saved_errno, strerror(saved_errno));
-        const std::size_t length = strlen(buffer);
+        const text suffix = formatted("\nSystem error %d: %s", saved_errno, strerror(saved_errno));
+        const std::size_t length = strlen(buffer.get());
         grow(buffer, capacity, length + strlen(suffix) + 1);
-        format_text({buffer + length, capacity - length}, "%s", suffix);
+        format_text({buffer.get() + length, capacity - length}, "%s", suffix.c_str());
     }
-    print_message(buffer);
-    free(buffer);
+    print_message(buffer.get());
     errno = saved_errno; // a first write to a stream may have asked whether it is a terminal
 }
 
-__attribute__((format(printf, 2, 0))) static void vreport(int exit_status, const char *format, va_list arguments)
+__attribute__((format(printf, 2, 0))) void vreport(int exit_status, const char *format, va_list arguments)
 {
     print_report(format, arguments);
     if (exit_status != 0)
         end_process(exit_status);
 }
+
+} // namespace
 
 void report_error(int exit_status, int, const char *format, ...)
 {

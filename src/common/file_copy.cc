@@ -9,9 +9,9 @@
 
 int file_copy_begin(file_copy &copy, const char *path, const safe_dir &dir, const char *name)
 {
-    format_text(copy.path, "%s.tmp", path);
+    copy.path = formatted("%s.tmp", path);
     copy.dir = dir;
-    copy.name = copy.path + (name - path);
+    copy.name = copy.path.bytes + (name - path);
     const int former_errno = errno;
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     copy.fd = openat(dir.fd, copy.name, flags, 0600);
@@ -63,6 +63,6 @@ void file_copy_drop(file_copy &copy)
 
 void file_copy_complain(const char *what, const file_copy &copy)
 {
-    fprintf(stderr, "%s %s: %s\n", what, copy.path, strerror(errno));
+    fprintf(stderr, "%s %s: %s\n", what, copy.path.c_str(), strerror(errno));
     fflush(stderr);
 }

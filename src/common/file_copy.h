@@ -10,7 +10,7 @@
 // somebody left under its name must not receive the lines, which may hold password hashes.
 
 struct file_copy {
-    char path[text_size];
+    text path;
     safe_dir dir;
     const char *name; // in path
     int fd;

@@ -59,7 +59,7 @@ int begin_copy(const target &file, file_copy &copy)
 {
     if (file.dir.fd != -1)
         return file_copy_begin(copy, file.path, file.dir, file.name);
-    format_text(copy.path, "%s.tmp", file.path);
+    copy.path = formatted("%s.tmp", file.path);
     errno = file.error;
     file_copy_complain("Unable to open file", copy);
     return -1;

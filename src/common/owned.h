@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <unistd.h>
@@ -19,6 +20,9 @@ template <auto Release> struct releaser {
 
 // Text from malloc().
 using owned_text = std::unique_ptr<char, releaser<std::free>>;
+
+// A stream that was read, whose closing nobody has to hear of.
+using owned_stream = std::unique_ptr<FILE, releaser<fclose>>;
 
 // A descriptor, or none (-1). Its release leaves errno as it was.
 class owned_fd {

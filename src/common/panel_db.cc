@@ -59,17 +59,15 @@ bool prepare(MYSQL *db, std::span<char> message)
 
 int read_admin_password(std::span<char> password, std::span<char> message)
 {
-    FILE *file = fopen(password_path, "rte");
+    const owned_stream file(fopen(password_path, "rte"));
     if (!file) {
         format_text(message, "Unable to open admin password file: %s", strerror(errno));
         return -1;
     }
-    if (!fgets(password.data(), static_cast<int>(password.size()), file)) {
+    if (!fgets(password.data(), static_cast<int>(password.size()), file.get())) {
         format_text(message, "Unable to read admin password file: %s", strerror(errno));
-        fclose(file);
         return -1;
     }
-    fclose(file);
     const std::size_t length = strlen(password.data());
     if (length > 0 && password[length - 1] == '\n')
         password[length - 1] = '\0';

@@ -38,7 +38,7 @@ bool accept(const safe_dir &dir, int fd, const request &wanted, safe_opened &ope
     return (wanted.flags & O_TRUNC) == 0 || opened.status.st_size == 0 || ftruncate(fd, 0) == 0;
 }
 
-// Makes a file where nothing stands; one that takes the place of a regular file gets that one's group and bits.
+// Makes a file where nothing stands; one that takes the place of a regular file gets that one's group and mode.
 int make_entry(const safe_dir &dir, const char *name, const request &wanted, const struct stat &former)
 {
     const bool replaces = S_ISREG(former.st_mode);
@@ -115,7 +115,7 @@ int open_path(const char *path, int flags, mode_t mode, bool is_lock, safe_opene
     return safe_find_dir(path, dir, name) ? open_at(dir, name, flags, mode, is_lock, opened) : -1;
 }
 
-// Opens what is to be given an owner or bits.
+// Opens what is to be given an owner or a mode.
 int open_to_give(const safe_dir &dir, const char *name, safe_kind kind, safe_opened &opened)
 {
     const int former_errno = errno;

@@ -19,10 +19,10 @@
 //   reads as empty and cannot be opened for writing.
 // - In any other directory a regular file is used when it belongs to the owner of the directory, whatever other names
 // it
-//   has. It stays his: an owner that is set sets only the group and the bits. Any other file, pipe, socket, device or
+//   has. It stays his: an owner that is set sets only the group and the mode. Any other file, pipe, socket, device or
 //   link is taken away and made afresh where it would be emptied (O_TRUNC), and refused everywhere else. A file that is
 //   made there is the directory's owner's and group's from the start; one that is made in the place of a regular file
-//   has its group and all its bits. A directory is entered and given away whoever owns it.
+//   has its group and its whole mode. A directory is entered and given away whoever owns it.
 // - Somebody's link in a directory of root's alone is taken away or refused in the same way.
 //
 // What was refused shows in errno: ELOOP for a link, EMLINK for anything else. All other results are those of the plain
@@ -55,7 +55,7 @@ int safe_mkdir(const char *path, mode_t mode);
 // What a path names: the last part of one that names a directory may be a link.
 enum class safe_kind { file, directory };
 
-// Give an owner and a group, or bits. Return 0 or -1.
+// Give an owner and a group, or a mode. Return 0 or -1.
 int safe_chown(const char *path, safe_kind kind, uid_t uid, gid_t gid);
 int safe_chmod(const char *path, safe_kind kind, mode_t mode);
 

@@ -11,10 +11,11 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
+
+namespace {
 
 // qmail's user database has to follow users/assign before the server reads it again.
-static int finish()
+int finish()
 {
     const int newu_status = (run_shell(formatted("%s/bin/qmail-newu", QMAIL_ROOT_D)) >> 8) & 0xff;
     return newu_status | service_control("qmail", "restart");
@@ -22,7 +23,7 @@ static int finish()
 
 // Keeps two runs from writing the same lines twice. The password file is one that nobody but root can hold; it is never
 // closed here, so the lock goes with the process. What cannot be locked is passed over.
-static void wait_for_other_runs()
+void wait_for_other_runs()
 {
     const int former_errno = errno;
     const int fd = open("/etc/vlq/.vlq.shadow", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -30,6 +31,8 @@ static void wait_for_other_runs()
         ;
     errno = former_errno;
 }
+
+} // namespace
 
 int run(int with_spam, int spam_only)
 {

@@ -20,7 +20,7 @@ int av_reset_list();
 // gets root:root and 0644. Returns 0, or -1 after "Unable to add record for '%s' to '%s' file".
 int av_set_recipient(const char *domain, const char *name, const char *virusfilter);
 
-// Removes the six rules that an address may have. The list gets root:root and 0644. Returns 0.
+// Removes all rules that an address may have. The list gets root:root and 0644. Returns 0.
 int av_clear_recipient(const char *domain, const char *name);
 
 // Copies a file over another under the named lock of the second; "-" stands for standard input or output. A file that

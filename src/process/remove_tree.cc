@@ -18,7 +18,7 @@ namespace {
 
 constexpr const char *rm_path = "/bin/rm";
 
-using owned_stream = std::unique_ptr<DIR, releaser<closedir>>;
+using owned_dir = std::unique_ptr<DIR, releaser<closedir>>;
 
 constexpr const char *deferred_prefix = "__deleted";
 constexpr const char *const *deferred_dirs[] = {&HTTPD_VHOSTS_D, &QMAIL_MAILNAMES_D};
@@ -152,7 +152,7 @@ void purge_deferred_dirs()
 {
     for (const char *const *dir : deferred_dirs) {
         const int fd = safe_open(*dir, O_RDONLY | O_DIRECTORY);
-        const owned_stream stream(fd < 0 ? nullptr : fdopendir(fd));
+        const owned_dir stream(fd < 0 ? nullptr : fdopendir(fd));
         if (!stream) {
             report_error(0, 1, "Unable to open dir %s: %s\n", *dir, strerror(errno));
             return;

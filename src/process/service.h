@@ -10,9 +10,9 @@
 // A script that is missing, no regular file, not executable or empty ends the process with a report.
 int run_service_script(const char *script, const char *name, const char *action, int report);
 
-// The panel's service control: runs the init script of one of its sixteen services. Returns 0, also when the
-// configuration switches restarts off (NO_RESTART_DAEMON, then nothing is run), or -1 after a report (none for a failed
-// "status", for 21 probes in vain, for Tomcat's processes that stay). Beyond the script:
+// The panel's service control: runs the init script of one of its services. Returns 0, also when the
+// configuration switches restarts off (NO_RESTART_DAEMON, then nothing is run), or -1 after a report (without one for a
+// failed "status", for 21 probes in vain, for Tomcat's processes that stay). Beyond the script:
 // - the web server (named by HTTPD_SERVICE) counts as started, restarted or reloaded only when its "status" succeeds
 //   within 21 probes, one a second; its "stop" is followed by bin/ipc_sweep.sh of the product, whatever came of it;
 // - Tomcat's failed "stop" is made good by signals, over at most 30 seconds, when no process of it is left;

@@ -4,7 +4,6 @@
 #include "common/conf.h"
 #include "common/error.h"
 #include "common/get.h"
-#include "common/idn.h"
 #include "common/safe_open.h"
 #include "process/remove_tree.h"
 #include "process/send_sig.h"
