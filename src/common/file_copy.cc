@@ -11,7 +11,8 @@ int file_copy_begin(file_copy &copy, const char *path, const safe_dir &dir, cons
 {
     copy.path = formatted("%s.tmp", path);
     copy.dir = dir;
-    copy.name = copy.path.bytes + (name - path);
+    // The copy of what a path ending in a slash names, "." in its directory, lies in that directory, too.
+    copy.name = copy.path.bytes + (strcmp(name, ".") == 0 ? strlen(path) : static_cast<std::size_t>(name - path));
     const int former_errno = errno;
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     copy.fd = openat(dir.fd, copy.name, flags, 0600);
@@ -63,6 +64,8 @@ void file_copy_drop(file_copy &copy)
 
 void file_copy_complain(const char *what, const file_copy &copy)
 {
+    const int cause = errno;
     fprintf(stderr, "%s %s: %s\n", what, copy.path.c_str(), strerror(errno));
     fflush(stderr);
+    errno = cause;
 }

@@ -38,5 +38,5 @@ int file_copy_commit(const file_copy &copy, const char *name);
 // Takes the copy away, closing it if it is open. errno stays as it was.
 void file_copy_drop(file_copy &copy);
 
-// Says on standard error alone what became of the copy: "WHAT PATH.tmp: %s", with errno's text.
+// Says on standard error alone what became of the copy: "WHAT PATH.tmp: %s", with errno's text. errno stays as it was.
 void file_copy_complain(const char *what, const file_copy &copy);

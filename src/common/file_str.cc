@@ -126,7 +126,7 @@ int remove_lines(target &file, const char *const *lines, edit action, int mode)
     content text{};
     bool changes = !has_one_name || search_lines(file.input.get(), lines, how) != finding::none;
     if (changes) {
-        if (!load(file, true, copy, text))
+        if (!load(file, has_one_name, copy, text))
             return 1;
         const std::size_t kept = drop_lines(text.bytes.get(), text.size, lines, how);
         changes = !has_one_name || kept != text.size;
@@ -233,7 +233,9 @@ bool examine(target &file, int flags)
 
 edit_end end_of(int result)
 {
-    return result == 0 ? edit_end::done : edit_end::failed;
+    if (result == 0)
+        return edit_end::done;
+    return is_refusal(errno) ? edit_end::refused : edit_end::failed;
 }
 
 edit_end edit_locked(target &file, const char *const *lines, edit action, int mode)
@@ -241,7 +243,7 @@ edit_end edit_locked(target &file, const char *const *lines, edit action, int mo
     const bool appends = action == edit::add && mode == at_end;
     if (!examine(file, appends ? O_WRONLY | O_APPEND : O_RDONLY)) {
         report_error(0, 0, "file_str: Unable to stat file %s: %s\n", file.path, strerror(errno));
-        return is_refusal(errno) ? edit_end::refused : edit_end::failed;
+        return end_of(1);
     }
     if (file.input.get() >= 0 && file.found.status.st_size > static_cast<off_t>(max_content))
         return end_of(report("read", file, EFBIG));

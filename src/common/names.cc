@@ -30,7 +30,8 @@ bool is_unfit(std::string_view name, std::string_view refused)
            std::any_of(name.begin(), name.end(), is_control);
 }
 
-// Whether the conversion has made one of look-alikes.
+// Whether the conversion has made one of look-alikes: quotes, which a query would read, a blank, which the database's
+// comparison passes over at the end, and a dot in front, which qmail reads as any name below.
 bool gains_any(std::string_view ascii, std::string_view stored, std::string_view bytes)
 {
     return std::any_of(bytes.begin(), bytes.end(),
@@ -49,7 +50,8 @@ bool is_unfit_domain(const char *name)
     if (!name)
         return false;
     const std::string judged = ascii_form(name).value_or(name);
-    return is_unfit(judged, "/:@") || gains_any(judged, name, "'\"\\");
+    const bool gains_dot = judged.starts_with('.') && *name != '.';
+    return is_unfit(judged, "/:@") || gains_any(judged, name, "'\"\\ ") || gains_dot;
 }
 
 bool is_more_than_line(const char *text)

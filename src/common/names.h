@@ -12,7 +12,7 @@
 bool is_unfit_name(const char *name);
 
 // The same of a domain or domain alias, with "@" too. Its ASCII form is judged, where it has one; that is also unfit
-// when it has a quote or a backslash that the name as stored has not.
+// when it has a quote, a backslash or a blank that the name as stored has not, or begins with a dot as that does not.
 bool is_unfit_domain(const char *name);
 
 // True for a text with a control character: an address or setting that would be more than its line.

@@ -14,17 +14,16 @@
 struct safe_dir {
     int fd;
     struct stat status;
+    bool is_alone;    // root's alone
+    bool is_followed; // a link of somebody else's led to it or to one on the way
 };
 
 // Where a link leads: the directory, held open, and the entry in it.
 struct safe_end {
     owned_fd fd;
-    struct stat status;
+    safe_dir dir;
     std::string name;
 };
-
-// True when root owns the directory and neither its group nor others may write to it.
-bool is_root_alone(const struct stat &dir);
 
 // Whether what stands in a directory that is not root's alone may be used as it is: a directory, or a regular file of
 // the directory's owner.

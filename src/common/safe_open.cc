@@ -41,10 +41,12 @@ bool accept(const safe_dir &dir, int fd, const request &wanted, safe_opened &ope
 // Makes a file where nothing stands; one that takes the place of a regular file gets that one's group and mode.
 int make_entry(const safe_dir &dir, const char *name, const request &wanted, const struct stat &former)
 {
-    const bool replaces = S_ISREG(former.st_mode);
+    // In a directory of root's whoever left the former file chose its mode for a file that is root's now.
+    const bool replaces = S_ISREG(former.st_mode) && dir.status.st_uid != 0;
+    const mode_t kept = former.st_gid == dir.status.st_gid ? 07777 : 01777; // nobody gets another's group by it
     owned_fd made(openat(dir.fd, name, wanted.flags | O_CREAT | O_EXCL, replaces ? 0600 : wanted.mode));
     if (made.get() < 0 || (fchown(made.get(), dir.status.st_uid, replaces ? former.st_gid : dir.status.st_gid) == 0 &&
-                           (!replaces || fchmod(made.get(), former.st_mode & 07777) == 0)))
+                           (!replaces || fchmod(made.get(), former.st_mode & kept) == 0)))
         return made.release();
     const int cause = errno;
     unlinkat(dir.fd, name, 0);
@@ -58,14 +60,14 @@ int open_end(const safe_dir &dir, const char *name, request &wanted, safe_opened
     safe_end end;
     if (!safe_find_end(dir, name, wanted.links, end))
         return -1;
-    const int fd = open_entry({end.fd.get(), end.status}, end.name.c_str(), wanted, opened);
+    const int fd = open_entry(end.dir, end.name.c_str(), wanted, opened);
     opened.through_link = true;
     return fd;
 }
 
 int open_entry(const safe_dir &dir, const char *name, request &wanted, safe_opened &opened)
 {
-    const bool is_alone = is_root_alone(dir.status);
+    const bool is_alone = dir.is_alone;
     const bool wants_dir = (wanted.flags & O_DIRECTORY) != 0;
     const int flags = is_alone ? wanted.flags : wanted.flags & ~(O_CREAT | O_TRUNC);
     struct stat entry {};
@@ -85,9 +87,12 @@ int open_entry(const safe_dir &dir, const char *name, request &wanted, safe_open
         const bool is_link = S_ISLNK(entry.st_mode);
         if (is_link && is_alone && entry.st_uid == 0)
             return open_end(dir, name, wanted, opened);
-        if (is_link && wants_dir)
+        if (is_link && wants_dir) {
+            opened.is_followed = true;
             return safe_follow(dir, name, entry.st_uid, wanted.flags);
-        if (!is_link && (is_alone || is_usable(dir.status, entry)))
+        }
+        const bool is_leased = cause == EAGAIN; // which whoever owns the file may keep up for ever
+        if (!is_link && (is_alone || (is_usable(dir.status, entry) && !is_leased)))
             return fail(cause);
         if ((wanted.flags & O_TRUNC) == 0 || wanted.is_lock)
             return fail(is_link ? ELOOP : EMLINK);
@@ -133,6 +138,14 @@ int open_to_give(const char *path, safe_kind kind, safe_opened &opened)
     safe_dir dir{};
     const char *name = nullptr;
     return safe_find_dir(path, dir, name) ? open_to_give(dir, name, kind, opened) : -1;
+}
+
+// Whoever made a link can have it lead to where a step is bound to fail, so that failure says nothing of the system.
+safe_step refused_below_link(bool is_followed, safe_step failed)
+{
+    if (is_followed)
+        errno = ELOOP;
+    return failed;
 }
 
 // A directory that is made may be named with slashes at the end, as no other new entry may.
@@ -188,10 +201,12 @@ safe_step safe_make_dir(const char *path, uid_t uid, gid_t gid, mode_t mode)
     safe_dir dir{};
     const char *name = nullptr;
     if (!safe_find_dir(entry.c_str(), dir, name) || (mkdirat(dir.fd, name, mode) != 0 && errno != EEXIST))
-        return safe_step::mkdir;
+        return refused_below_link(dir.is_followed, safe_step::mkdir);
     safe_opened opened;
     const owned_fd fd(open_to_give(dir, name, safe_kind::directory, opened));
-    return fd.get() >= 0 && give_owner(fd.get(), opened, uid, gid) == 0 ? safe_step::none : safe_step::chown;
+    if (fd.get() >= 0 && give_owner(fd.get(), opened, uid, gid) == 0)
+        return safe_step::none;
+    return refused_below_link(dir.is_followed || opened.is_followed, safe_step::chown);
 }
 
 int safe_chown(const char *path, safe_kind kind, uid_t uid, gid_t gid)

@@ -9,7 +9,8 @@
 // put anything in the place of anything in it, at any moment. So a path is walked from directory to directory, and what
 // stands in one is judged by who could have put it there.
 //
-// A directory is root's alone when root owns it and neither its group nor others may write to it.
+// A directory is root's alone when root owns it, neither its group nor others may write to it, and nobody else can put
+// another in its place or in that of one on the way to it.
 //
 // - A link that root made in a directory of root's alone is followed wherever it leads, part by part.
 // - In a directory of root's that others may write to, no link is followed.
@@ -22,7 +23,8 @@
 //   has. It stays his: an owner that is set sets only the group and the mode. Any other file, pipe, socket, device or
 //   link is taken away and made afresh where it would be emptied (O_TRUNC), and refused everywhere else. A file that is
 //   made there is the directory's owner's and group's from the start; one that is made in the place of a regular file
-//   has its group and its whole mode. A directory is entered and given away whoever owns it.
+//   has its group and its whole mode, less the set-id bits of a foreign group, unless the directory is root's. A
+//   directory is entered and given away whoever owns it.
 // - Somebody's link in a directory of root's alone is taken away or refused in the same way.
 //
 // What was refused shows in errno: ELOOP for a link, EMLINK for anything else. All other results are those of the plain
@@ -43,7 +45,8 @@ int safe_open_lock(const char *path, int flags, mode_t mode);
 struct safe_opened {
     struct stat status;
     bool through_link;
-    bool stays_his; // a regular file in a directory that is not root's alone
+    bool is_followed; // through a link that is not root's in a directory of root's alone
+    bool stays_his;   // a regular file in a directory that is not root's alone
 };
 
 // safe_open of an entry that safe_find_dir has found; tells what it has opened.

@@ -78,11 +78,14 @@ int report_close(const char *path)
 int copy_chunks(int in, int out, const char *src, const char *dst)
 {
     char chunk[4096];
-    for (;;) {
+    for (std::size_t copied = 0;;) {
         const ssize_t got = read(in, chunk, sizeof chunk);
         if (got == 0)
             return 0;
-        if (got < 0) {
+        copied += got > 0 ? static_cast<std::size_t>(got) : 0;
+        if (copied > max_content)
+            errno = EFBIG;
+        if (got < 0 || copied > max_content) {
             report_error(0, 0, "Error while copying file %s to %s: %s", src, dst, strerror(errno));
             return 1;
         }

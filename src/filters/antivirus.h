@@ -24,5 +24,6 @@ int av_set_recipient(const char *domain, const char *name, const char *virusfilt
 int av_clear_recipient(const char *domain, const char *name);
 
 // Copies a file over another under the named lock of the second; "-" stands for standard input or output. A file that
-// has to be made gets 0644. Returns 0, also for equal paths, where nothing is done, or 1 after a report.
+// has to be made gets 0644; one of more than 1 GiB is not copied to its end (EFBIG). Returns 0, also for equal paths,
+// where nothing is done, or 1 after a report.
 int copy_file_locked(const char *src, const char *dst);

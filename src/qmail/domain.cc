@@ -49,7 +49,7 @@ void signal_qmail_send()
 // Undoes what could be done of an addition, unless the failed step was refused, and ends the process.
 template <typename Undo> [[noreturn]] void undo_and_end(Undo undo, const char *message)
 {
-    if (!is_refusal(errno))
+    if (may_undo(errno))
         undo();
     report_fatal(1, "%s", message);
 }
@@ -133,7 +133,7 @@ int add_mail_domain(const char *domain, int disabled)
 
     const auto undo = [domain] { remove_mail_domain(domain); };
     if (make_dir(domain_dir(ascii), ids.uid, ids.gid, 0700) != 0) {
-        if (!is_refusal(errno))
+        if (may_undo(errno))
             undo();
         end_process(-1);
     }

@@ -75,6 +75,11 @@ edit_end renew_line(const char *path, const char *line, placement where, const c
     return file_str_end(path, line, edit::add, where);
 }
 
+bool may_undo(int error)
+{
+    return !is_refusal(error) && error != EMFILE && error != ENFILE && error != EFBIG;
+}
+
 int status_of_failure()
 {
     return is_refusal(errno) ? 0 : 1;

@@ -42,6 +42,10 @@ text mailbox_line(const char *domain_id, const char *local_part, const user_ids 
 // `not_removed`, unless that is null, and passed over. Returns how the adding ended.
 edit_end renew_line(const char *path, const char *line, placement where, const char *not_removed);
 
+// False when nothing may be deleted for a step that failed with this error: it was refused, or met a limit (of
+// descriptors, of a file's size) that a plain system call would not have met or would have ended the process at.
+bool may_undo(int error);
+
 // The exit status with which a failed step below a mailbox directory is reported: 0 where it was refused, for then the
 // run goes on, and 1 otherwise. In the first form errno tells.
 int status_of_failure();

@@ -31,16 +31,16 @@ struct mail_name_ref {
 // goes on without it; after any other everything of the mail name is taken back and the process ends.
 void fail_step(const mail_name_ref &mail, const owned_text &message)
 {
-    const bool refused = is_refusal(errno);
-    if (!refused)
+    const int status = status_of_failure();
+    if (may_undo(errno))
         remove_mailbox(mail.name, mail.domain);
-    report_error(refused ? 0 : 1, 1, "%s", message.get());
+    report_error(status, 1, "%s", message.get());
 }
 
 // The same of a step elsewhere: the process ends in any case.
 [[noreturn]] void undo_and_end(const mail_name_ref &mail, const owned_text &message)
 {
-    if (!is_refusal(errno))
+    if (may_undo(errno))
         remove_mailbox(mail.name, mail.domain);
     report_fatal(1, "%s", message.get());
 }
@@ -169,7 +169,7 @@ int add_postbox(const char *mail_name, const char *domain, const char *password,
     const text path = dot_qmail_path(domain_toascii_safe(domain), mail_name);
     const edit_end end = renew_line(path, delivery_line, at_end, nullptr);
     if (end != edit_end::done) {
-        if (!is_refusal(errno))
+        if (may_undo(errno))
             remove_postbox(mail_name, domain);
         report_error(status_of_failure(end), 1, "Unable to add string to %s file.", path.c_str());
         return 0;
