@@ -2,7 +2,7 @@
 
 // The product configuration file /etc/vlq/vlq.conf: a key, whitespace and a value on each line.
 
-// The keys that the loader requires, in the order in which it asks for them.
+// The keys that load_conf requires, in the order in which it looks them up.
 #define CONF_KEYS(KEY)                                                                                                 \
     KEY(PRODUCT_ROOT_D)                                                                                                \
     KEY(HTTPD_VHOSTS_D)                                                                                                \
@@ -41,17 +41,17 @@
     KEY(LIB_CRYPTO_PATH)                                                                                               \
     KEY(CLIENT_PHP_BIN)
 
-// One variable per key, null until load_conf has come to it and never empty after that. The texts belong to the
-// configuration cache, which lives as long as the process: nobody changes or frees them.
+// One variable per key: null until load_conf has set it, never empty afterwards. The texts belong to the configuration
+// cache, which lives as long as the process: nobody changes or frees them.
 #define CONF_VARIABLE(key) extern const char *key;
 CONF_KEYS(CONF_VARIABLE)
 #undef CONF_VARIABLE
 
-// Looks one key up: the value of the first line that gives it one, or null when no line does or the file cannot be
-// read. The first lookup that can read the file keeps it for the life of the process. Keys compare exactly; a value
-// runs to the end of its line without the whitespace there (which stays on a last line without a newline). Reports
-// nothing. The text is valid until the process ends and is not the caller's to free.
+// Returns a key's value from the first line that has one, or null when no line has or the file cannot be read. The
+// first lookup that can read the file caches it until the process ends. Keys are case-sensitive. A value extends to the
+// end of its line, without trailing whitespace (which stays on a last line without a newline). Reports nothing. The
+// text belongs to the cache, as above.
 const char *conf_get(const char *key);
 
-// Fills every configuration variable. The first key without a value ends the process: "Error: KEY not defined\n".
+// Sets every configuration variable. The first key without a value ends the process: "Error: KEY not defined\n".
 void load_conf();

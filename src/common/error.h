@@ -4,34 +4,34 @@
 
 #include <span>
 
-// Every message of the program goes out here, and every fixed buffer is filled here.
+// Messages, the end of the process, and text that is formatted into buffers.
 
-// What the run was started as (argv[0]); null until start-up has stored it. Its base name, as POSIX
-// has it (of "/usr/sbin/" it is "sbin"), stands before every message.
+// This process's argv[0], not copied; null until start-up has stored it. Its base name, as POSIX defines it ("sbin" for
+// "/usr/sbin/"), begins every message of report_error; while it is null, messages begin with their own text.
 extern const char *program_name;
 
-// Reports a message: "BASENAME: TEXT" on standard error, then the same on standard output, each ended by one newline
-// and flushed. "\nSystem error N: TEXT" is appended when errno is not 0 at the call, whatever last set it;
-// system_error_flag states what the caller means by it and changes nothing. A message of any length is printed whole.
-// exit_status 0 returns, with errno as it was; any other ends the process with that status through exit().
+// Reports a message: "BASENAME: TEXT" on standard error, then the same on standard output; each ends in a newline and
+// is flushed. When errno is not 0 at the call, "\nSystem error N: TEXT" is appended, whatever last set it;
+// system_error_flag has no effect. Only a lack of memory cuts a message. With exit_status 0 it returns and leaves errno
+// as it was; any other status ends the process with that status through exit().
 void report_error(int exit_status, int system_error_flag, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 
-// report_error with exit status 1, told to the compiler as never returning.
+// report_error with exit status 1; the compiler knows that it never returns.
 [[noreturn]] void report_fatal(int system_error_flag, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// Formats into a new string. Without memory it reports "Cannot allocate memory: %s" and ends the process: the result is
-// never null.
+// Returns the formatted text as a new string of any length, never null. Ends the process when memory runs out: "Cannot
+// allocate memory: %s".
 owned_text alloc_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// Ends the process with exit() and this status; nothing is reported.
+// Ends the process with this status through exit(). Reports nothing.
 [[noreturn]] void end_process(int exit_status);
 
-// The size of the buffers that paths, commands, queries and lines are formatted into.
+// The size, in bytes, of the buffers for paths, commands, queries and lines.
 inline constexpr std::size_t text_size = 4096;
 
-// Such a buffer, terminated. It stands for its characters wherever a plain text is wanted, but among the arguments of a
-// printf format, which take its c_str().
+// Such a buffer, holding a terminated string. It converts to const char * by itself, except among the arguments of a
+// printf format: pass c_str() there.
 struct text {
     char bytes[text_size];
     [[nodiscard]] const char *c_str() const
@@ -48,7 +48,7 @@ struct text {
     }
 };
 
-// Formats into such a buffer, or into a caller's (of at least one byte): cut to its size and always terminated. The cut
-// is part of the callers' contracts, so there is no result to test.
+// Format into a new text, or into the caller's buffer of at least one byte. What does not fit is cut; the result is
+// always terminated. Callers rely on the cut, so it is not reported.
 text formatted(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void format_text(std::span<char> out, const char *format, ...) __attribute__((format(printf, 2, 3)));

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string_view>
 
-// A file's bytes in memory; not a string, which would first fill with zeros what is then read over.
+// A file's bytes in memory. Not a std::string, which would zero the block before the file is read into it.
 struct content {
     std::unique_ptr<char[]> bytes;
     std::size_t size;
@@ -12,21 +12,21 @@ struct content {
 
 std::string_view view(const content &text);
 
-// What is read of one file at the most.
+// The most, in bytes, that is read of one file.
 inline constexpr std::size_t max_content = std::size_t{1} << 30;
 
-// Reads the open file to its end, from where its reading stands, into `text`, which is empty before; room for
-// `expected` bytes is made at once. Returns false with the error in errno: EFBIG for more than max_content, ENOMEM
-// without the memory.
+// Reads an open file from its current offset to its end into `text`, which must be empty. `expected` bytes are
+// allocated at once, more when the file is longer. Returns true, or false with the error in errno: EFBIG for more than
+// max_content bytes, ENOMEM when memory runs out, or read()'s.
 bool read_rest(int fd, content &text, std::size_t expected);
 
-// Returns how much could not be written, with the error in errno, or 0.
+// Writes the whole text. Returns 0, or the number of bytes that could not be written, with the error in errno.
 std::size_t write_all(int fd, std::string_view text);
 
-// Writes to a file that is open for appending, and cuts it back to its former length when that fails, with the error in
-// errno.
+// write_all to a file that is open with O_APPEND. Returns true; or false with the error in errno, after trying to
+// cut off what was written.
 bool append_all(int fd, std::string_view text);
 
-// Has the kernel copy what is left of one file to another; false where it does not, or not to the end. The rest can
-// then be read and written. Leaves errno as it was.
+// Has the kernel copy the rest of one file to another. Returns true when it has copied all of it, at least one byte.
+// After false, read and write go on where it stopped. Leaves errno as it was.
 bool copy_within_kernel(int input, int output);

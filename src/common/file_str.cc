@@ -28,7 +28,7 @@ struct target {
     const char *path;
     safe_dir dir;
     const char *name;
-    owned_fd input; // open for reading; none where it could not be opened
+    owned_fd input; // the open file, or -1 where it could not be opened
     int error;      // why, or 0
     safe_opened found;
 };

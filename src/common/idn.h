@@ -2,24 +2,24 @@
 
 #include "common/owned.h"
 
-// Domain names and addresses in the ASCII form (IDNA) in which they enter qmail's files. Names come as UTF-8; results
-// are new strings. Out of memory ends the process in all of them: "Allocation failed".
+// Converts domain names and addresses from UTF-8 to the ASCII form (IDNA) that qmail's files need. Arguments must not
+// be null; results are new strings. When memory runs out, a conversion ends the process: "Allocation failed".
 
-// The library's code of the last domain conversion that failed, 0 until one has. A success leaves it.
+// The library's code for the last domain conversion that failed; 0 before the first. A success does not reset it.
 extern int idn_last_error;
 
-// The ASCII form of a domain name, or null with the reason in idn_last_error. Reports nothing.
+// Returns the ASCII form of a domain name, or null with the code in idn_last_error. Reports nothing.
 owned_text idn_toascii(const char *name);
 
-// The ASCII form of a domain name. A failure ends the process: "idn_toascii_safe(NAME) failed: %s".
+// idn_toascii whose failure ends the process: "idn_toascii_safe(NAME) failed: %s".
 owned_text idn_toascii_safe(const char *name);
 
-// The address with all that follows its first "@" converted and the rest unchanged. Null when there is no "@"
-// (idn_last_error stays) or the domain cannot be converted. Reports nothing.
+// Returns the address with everything behind its first "@" converted. Returns null when that cannot be converted (the
+// code is in idn_last_error) or when there is no "@" (idn_last_error stays). Reports nothing.
 owned_text idn_email_toascii(const char *address);
 
 // idn_email_toascii whose failure ends the process: "idn_email_toascii_safe(ADDRESS) failed: %s".
 owned_text idn_email_toascii_safe(const char *address);
 
-// The system's own text for a conversion code, "Unknown error" for a code that it does not know.
+// This program's text for a code of idn_last_error, a literal; "Unknown error" for a code that is not in its table.
 const char *idn_error_text(int code);

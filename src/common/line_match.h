@@ -2,20 +2,20 @@
 
 #include <cstddef>
 
-// Which lines of a file a removal drops. Every editor that shares these files takes a line of more than 4094 bytes,
-// newline included, for several lines of at most 4094 bytes each.
+// Which lines of a file a removal drops. A line of more than 4094 bytes, newline included, counts as several of at most
+// 4094 bytes each, as in every editor that shares these files.
 
 enum class comparison { equal, prefix, suffix, substring, never };
 
-// Takes every line that matches one of the strings, whose list ends in a null entry, out of the text, and returns the
-// size of what is left. A newline at the end of a line or of a string counts for nothing, except in a substring, where
-// it must be found too; `equal` looks only at what stands before a string's first newline. An empty string matches
-// every line, or with `equal` every empty one.
+// Removes from the text, in place, every line that matches one of the strings; their list ends in a null pointer.
+// Returns the size of what is left, in bytes. Lines and strings are compared without the newline at their end, with
+// `substring` including it. `equal` reads a string up to its first newline. An empty string matches every line, with
+// `equal` every empty one. `never` matches nothing.
 std::size_t drop_lines(char *text, std::size_t size, const char *const *strings, comparison how);
 
 enum class finding { none, possible, failed };
 
-// Reads the open file to its end, from where its reading stands, and tells whether drop_lines could find anything
-// there: for certain when it is `none`. `failed` leaves the error in errno. Needs 64 KiB of stack, whatever the file's
+// Reads an open file from its current offset to its end and returns whether drop_lines could remove anything of it:
+// `none` is certain, `possible` is not, `failed` leaves the error in errno. Needs 64 KiB of stack, whatever the file's
 // size, and is many times faster than looking line by line.
 finding search_lines(int fd, const char *const *strings, comparison how);

@@ -7,10 +7,10 @@
 #include <unistd.h>
 #include <utility>
 
-// Owners of what has to be released: whoever holds one need not name it at each way out. Where closing can fail in a
-// way that somebody has to hear of, a descriptor stays a plain int.
+// Types that own and release a resource, so that no way out of a function has to. A descriptor whose failed close must
+// be reported stays a plain int.
 
-// Calls a function to release what a std::unique_ptr holds.
+// The deleter of a std::unique_ptr that calls this function.
 template <auto Release> struct releaser {
     template <typename Held> void operator()(Held *held) const
     {
@@ -21,10 +21,10 @@ template <auto Release> struct releaser {
 // Text from malloc().
 using owned_text = std::unique_ptr<char, releaser<std::free>>;
 
-// A stream that was read, whose closing nobody has to hear of.
+// A stream that was only read: a failed close is not reported.
 using owned_stream = std::unique_ptr<FILE, releaser<fclose>>;
 
-// A descriptor, or none (-1). Its release leaves errno as it was.
+// An open descriptor, or -1. The destructor closes it and leaves errno as it was; release() hands it to the caller.
 class owned_fd {
 public:
     owned_fd() = default;

@@ -5,12 +5,11 @@
 #include <string>
 #include <sys/stat.h>
 
-// The way to a directory, as root, through directories that others may write to: the part of the rule of safe_open that
-// is about links and directories. Each directory on the way is held open while its entry is looked at. Failures leave
-// their error in errno and report nothing.
+// Finding a directory, as root, by a path through directories that others may write to: the part of the rule of
+// safe_open that is about links and directories. Each directory of the path is held open while its entry is examined. A
+// failure leaves its error in errno and reports nothing.
 
-// A directory to look up an entry in, as openat() takes it, and what it was when it was looked at. The descriptor is
-// somebody else's.
+// A directory to find an entry in, open or AT_FDCWD, with its status when it was examined. The descriptor is borrowed.
 struct safe_dir {
     int fd;
     struct stat status;
@@ -18,27 +17,28 @@ struct safe_dir {
     bool is_followed; // a link of somebody else's led to it or to one on the way
 };
 
-// Where a link leads: the directory, held open, and the entry in it.
+// Where a link leads: the directory, which this record holds open, its status, and the name of the entry in it.
 struct safe_end {
     owned_fd fd;
     safe_dir dir;
     std::string name;
 };
 
-// Whether what stands in a directory that is not root's alone may be used as it is: a directory, or a regular file of
-// the directory's owner.
+// True when an entry of a directory that is not root's alone may be used as it is: it is a directory, or a regular file
+// that belongs to the owner of `dir`.
 bool is_usable(const struct stat &dir, const struct stat &entry);
 
-// Finds the directory that holds what the path names, and how to name the entry there: by the path's last part, "." for
-// a path that ends in a slash, or, where all the way is root's alone, by the whole path from the current directory.
-// `name` points into the path, or to ".". The descriptor is good until the next call here. A directory that a path led
-// to before, and still leads to, is not walked to again. False when there is none.
+// Finds the directory that holds the entry that a path names, and the entry's name for openat(): the path's last part,
+// or "." for a path that ends in a slash. Where every directory of the path is root's alone, `name` is the whole path
+// and the descriptor AT_FDCWD. `name` points into the path or to a literal. The descriptor is valid until the next
+// call. A directory found before is not looked for again while its path leads to it. Returns false on failure.
 bool safe_find_dir(const char *path, safe_dir &dir, const char *&name);
 
-// Finds what a link of root's in a directory of root's alone leads to, part by part, but for the last part, which may
-// be another link. `links` counts those that were followed: more than 40 are ELOOP.
+// Finds where a link leads that root made in a directory that is root's alone, part by part; the last part may be
+// another link. `links` counts the links followed; beyond 40 the error is ELOOP. Returns false on failure.
 bool safe_find_end(const safe_dir &dir, const char *name, int &links, safe_end &end);
 
-// Opens what any other link leads to, with the kernel's own way of following it: a directory of whoever could have put
-// the link there. Returns the descriptor or -1, ELOOP for anything else.
+// Opens the directory that any other link leads to; the kernel follows the link. It must belong to whoever could have
+// put the link there: the link's owner where `dir` is root's alone, else the owner of `dir`, and not root. Returns a
+// descriptor that the caller closes, or -1: ELOOP for a refusal, else a lack of descriptors or memory, or EIO.
 int safe_follow(const safe_dir &dir, const char *name, uid_t link_owner, int flags);

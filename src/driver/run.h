@@ -1,8 +1,8 @@
 #pragma once
 
-// Waits for another run to end, then runs the phases of a run in their order: the rebuild pass, with with_spam the
-// replay of the spam filter's settings (when the component "vlq-spamassassin" is installed), then qmail-newu and the
-// restart of qmail; with spam_only nothing but the replay. Returns the exit status: the OR of the exit code of
-// qmail-newu (127 when it or the shell cannot be run, 255 when system() itself fails) and the result of the restart (0
-// or -1); 0 when spam_only. A fatal report in a phase ends the process with status 1.
+// Waits, where the lock can be had, for other runs to end. Then runs these phases: the rebuild pass; when with_spam and
+// "vlq-spamassassin" is installed, the spam filter's settings; qmail-newu; the restart of qmail. spam_only leaves out
+// all but the spam filter's phase. Returns the exit status: 0 when spam_only, else the OR of qmail-newu's exit code
+// (127: it cannot be run, 255: system() failed, 0: a signal ended the shell) and the restart's result (0 or -1). A
+// fatal report in a phase ends the process with status 1, or with the status that the phase's contract names.
 int run(int with_spam, int spam_only);

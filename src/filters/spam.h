@@ -2,11 +2,11 @@
 
 #include <mysql.h>
 
-// The spam filter's settings, the server's and each mail name's, replayed through the panel's utility spamsetup.
+// The spam filter's settings, the server's and each mail name's, applied again by the panel's utility spamsetup.
 
-// The argument vector of one run of the utility. Its texts lie in one block, so nothing is allocated per argument.
+// The argument vector of one run of the utility. It holds its texts itself.
 struct arg_vector {
-    static constexpr int slot_count = 100; // the last one is always null
+    static constexpr int slot_count = 100; // with the null pointer behind the last argument
     static constexpr int text_bytes = 16384;
     const char *slots[slot_count];
     int count;
@@ -14,7 +14,7 @@ struct arg_vector {
     int used;
 };
 
-// A state of a vector that it can be cut back to.
+// The state of a vector, for cutting it back later.
 struct arg_mark {
     int count;
     int used;
@@ -23,26 +23,27 @@ struct arg_mark {
 // Makes a vector empty.
 void arg_clear(arg_vector &args);
 
-// Appends a copy of the text. False, and the vector as it was, when the text is empty, does not fit with its
-// terminator into the free bytes, or 99 arguments are there.
+// Appends a copy of the text. Returns false, leaving the vector as it was, for an empty text and when the slots or the
+// free bytes do not suffice.
 bool arg_append(arg_vector &args, const char *text);
 
+// Return a vector's state, and cut it back to one.
 arg_mark arg_state(const arg_vector &args);
 void arg_cut(arg_vector &args, const arg_mark &state);
 
-// Replays the server's settings and those of every mail name of every domain with the mail service, on a connection of
-// its own. A connection, domain query or mail name query that fails ends the process with a report; what fails for one
-// name is reported and the next one is served, but for a child process that cannot be made, which is fatal too.
+// Applies the server's settings and those of every mail name of every domain with the mail service, on a connection of
+// its own. A failed connection, query for domains or query for mail names ends the process with a report, as does what
+// spam_apply_settings ends it for. Any other failure is reported, and the next name follows.
 void spam_rebuild_settings();
 
 // spam_apply_settings for the server-wide name "*@*".
 int spam_apply_server(MYSQL *db);
 
-// spam_apply_settings for MAIL_NAME@DOMAIN. An empty or missing part: "empty mailname or maildomain", and -1.
+// spam_apply_settings for MAIL_NAME@DOMAIN. A null or empty part returns -1 after "empty mailname or maildomain".
 int spam_apply_mailname(const char *mail_name, const char *domain, MYSQL *db);
 
-// Replays the settings of one full name; long lists are split over several runs of the utility. Works on `db`, or,
-// given null, on a connection of its own. Returns 0 when they were applied or there are none (or the component is not
-// installed), -1 after a report (not fatal) otherwise. Ends the process as is_component_installed does, and
-// when no child process or no memory is to be had.
+// Applies the settings of one full name, in several runs of the utility where they do not fit into one. Uses `db`, or,
+// given null, a connection of its own. Returns 0 when they are applied, when there are none, and when the component is
+// not installed; -1 after a report (not fatal) otherwise. Ends the process as is_component_installed does, and when
+// memory runs out or no child process can be made.
 int spam_apply_settings(const char *full_name, MYSQL *db);

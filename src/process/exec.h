@@ -4,53 +4,53 @@
 #include <string>
 #include <sys/types.h>
 
-// Programs run as child processes: started without a shell, with no descriptor of ours above 2 (swept in the child, but
-// for run_quiet_wait, which relies on their being close-on-exec), one at a time, and waited for. A report marked fatal
-// ends this process; a child tells its own failures on its standard error and ends with status 255.
+// Programs that run as child processes, one at a time. A child gets no descriptor above 2; those of run_shell and
+// run_quiet_wait rely on close-on-exec for that. A report called fatal ends this process. A child that cannot execute
+// its program ends with status 255 (that of run_shell with 127); those of fork_execv print why on their standard error.
 
-// Closes every descriptor from 3 up in the calling process; meant for a child before it executes something.
+// For a child before it executes a program: closes every descriptor from 3 up.
 void close_descriptors();
 
-// Puts /dev/null on the three standard streams of the calling process, a child; a stream for which that fails is
-// closed.
+// For a child: puts /dev/null on every standard stream; one for which that fails is closed.
 void silence_streams();
 
-// Gives SIGPIPE and SIGXFSZ, which this program ignores, their defaults back in the calling process, a child.
+// For a child: restores the default actions of the signals that this program ignores, SIGPIPE and SIGXFSZ.
 void restore_signals();
 
-// system() whose command finds these two signals at their defaults.
+// system() of a command for which these signals have their default actions. Returns the result of system().
 int run_shell(const char *command);
 
-// Starts a program with these standard streams: the stream's own number leaves it as it is, -1 gives it /dev/null, and
-// any other descriptor is moved onto it. argv is handed on as it is and stays the caller's. Returns the child's id,
-// which the caller waits for. A fork that fails is fatal: "fork_execv_pipes: fork() failed".
+// Starts a program with these descriptors as its standard streams: a stream's own number means that it is inherited, -1
+// means /dev/null, and the child moves any other descriptor to the stream's number. The caller keeps its descriptors
+// and argv. Returns the child's process id without waiting. Fatal: "fork_execv_pipes: fork() failed".
 pid_t fork_execv(int in_fd, int out_fd, int err_fd, const char *path, const char *const *argv);
 
-// Runs a program and keeps all that it writes: standard input is inherited; there is no text of a stream whose end or
-// first byte never came. Returns the exit code, 0 to 255, or -1 when the program did not exit by itself. A daemon that
-// keeps the streams open holds the call up for about one second after the program's end. Fatal: "fork_execv_getouterr:
-// pipe() failed", "... fcntl(O_NONBLOCK) failed", "Cannot allocate memory".
+// Runs a program and returns its standard output and error as strings; standard input is inherited. A string has no
+// value when neither a byte nor the end of its stream was read. Returns the exit code, 0 to 255, or -1 when a signal
+// ended or stopped the program. A daemon that keeps a stream open delays the call by about one second after the
+// program's end. Fatal: "fork_execv_getouterr: pipe() failed", "... fcntl(O_NONBLOCK) failed", "Cannot allocate
+// memory".
 int fork_execv_getouterr(std::optional<std::string> &out, std::optional<std::string> &err, const char *path,
                          const char *const *argv);
 
-// The same with standard error inherited, and with the same messages.
+// fork_execv_getouterr with standard error inherited too; the messages are the same.
 int fork_execv_getout(std::optional<std::string> &out, const char *path, const char *const *argv);
 
-// fork_execv_getout with the vector given as a list from arg0 on, ended by a null pointer. Without memory for it the
-// process ends: "malloc() failed: %s".
+// fork_execv_getout with argv as a list that begins with arg0 and ends in a null pointer. Fatal, when memory runs out:
+// "malloc() failed: %s".
 int fork_execl_getout(std::optional<std::string> &out, const char *path, const char *arg0, ...)
     __attribute__((sentinel));
 
-// Runs a utility of the product, PRODUCT_ROOT_D/admin/bin/NAME, with this vector, argv[0] included. Returns 0, or -1
-// for a name with a slash ("Utility name '%s' is invalid. Use only utility name without path."), else the result of
-// fork_execv_getouterr. A failure passes the utility's output on to standard error and is reported, not fatal, as
-// "%s execution failed:\n%s" (path, error text) or "%s execution failed (no output)".
+// Runs a utility of the product, PRODUCT_ROOT_D/admin/bin/NAME, with this argv. Returns the result of
+// fork_execv_getouterr. When that is not 0, prints the utility's output on standard error and reports (not fatal) "%s
+// execution failed:\n%s", path and error text, or "%s execution failed (no output)". A name with a slash returns -1
+// after "Utility name '%s' is invalid. Use only utility name without path.".
 int util_execv(const char *name, const char *const *argv);
 
-// util_execv with argv[0] set to the utility's path and the arguments as a list that a null pointer ends; those beyond
-// the 99th are left out.
+// util_execv with the utility's path as argv[0] and the further arguments as a list that ends in a null pointer; those
+// beyond the 99th are dropped.
 int util_exec(const char *name, ...) __attribute__((sentinel));
 
-// Runs a program on /dev/null, argv[0] being its path and the arguments listed as for util_exec. Returns 1 when a
-// signal ended it or it could not be started, 0 otherwise, whatever its exit code. Reports nothing.
+// Runs a program on /dev/null, with its path as argv[0] and the arguments as for util_exec. Returns 1 when the fork
+// failed or a signal ended the program, else 0, even when the program cannot be executed. Reports nothing.
 int run_quiet_wait(const char *path, ...) __attribute__((sentinel));

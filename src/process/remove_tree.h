@@ -1,22 +1,20 @@
 #pragma once
 
-// The removal of directories: at once, or aside for later on hosts where that matters.
+// The removal of directories: at once or, on container hosts, later. The working directory is the same afterwards.
 
-// 1 on a container host, marked by an empty regular file /dev/hdv1, else 0. Asked once per process.
+// Returns 1 on a container host, where /dev/hdv1 is an empty regular file, else 0. Looks once per process.
 int is_virtual_environment();
 
-// Moves a directory that lies in the vhosts or the mailnames directory aside there, under a name that begins with
-// "__deleted", for purge_deferred_dirs; tells so in a notice. Every failure is reported and ends the process.
+// Renames a directory that lies below HTTPD_VHOSTS_D or QMAIL_MAILNAMES_D to an unused name in that one, beginning with
+// "__deleted", for purge_deferred_dirs, and reports the new name. Every failure is reported and ends the process.
 void deferred_remove(const char *dir);
 
-// Removes what deferred_remove has moved aside, by rm. Reports an rm that cannot be run or is ended by a signal, and an
-// entry that cannot be examined, and goes on; what rm itself fails to remove is left without a word. Ends early, with a
-// report, when one of the two directories cannot be opened. Nothing is fatal. The working directory is the same
-// afterwards.
+// Removes what deferred_remove has renamed, by rm. An entry that cannot be examined, a failed fork and an rm that a
+// signal ended are reported and passed over. What rm itself fails to remove, or all when rm is missing, stays without a
+// report. Returns early, after a report, when one of the directories cannot be opened. Nothing ends the process.
 void purge_deferred_dirs();
 
-// Removes what lies at the path: a file or link, or a directory with all that is in it, itself only when remove_self
-// is not 0. Links are never followed; what is gone already is no failure; a tree of 1000 levels and more is one that
-// cannot be opened (EMFILE). Every failure is reported and ends the process. The working directory is the same
-// afterwards.
+// Removes a file or link, or everything in a directory and, when remove_self is not 0, the directory. Links are
+// removed, never followed, except before the path's last slash. What does not exist is no failure. A directory 1000
+// levels down cannot be opened (EMFILE). Every failure is reported and ends the process.
 void remove_tree(const char *path, int remove_self);

@@ -6,14 +6,14 @@
 
 // What the writers of qmail's files share: where the files lie, what their lines look like, who owns them.
 
-// Looks up whichever of popuser's two ids is not known yet, that is, 0. True when both are known afterwards; an unknown
-// user has then been reported by the lookup, once for each id.
+// Looks up each of popuser's ids that is not known yet, which means 0. Returns true when both are known afterwards. An
+// unknown user is reported once for each id.
 bool find_popuser(user_ids &ids);
 
-// find_popuser whose failure ends the process: "Unable to define UID or GID for user popuser".
+// find_popuser; false ends the process: "Unable to define UID or GID for user popuser".
 void find_popuser_safe(user_ids &ids);
 
-// True when a mail name or alias is there and begins with a letter, a digit, "_" or "-". Only that byte is looked at.
+// True when a mail name or alias is not null and its first byte, all that is checked, is a letter, a digit, "_" or "-".
 bool is_valid_mail_name(const char *name);
 
 // True for null and for the empty string.
@@ -38,19 +38,19 @@ text dot_qmail_path(const owned_text &ascii_domain, const char *mail_name);
 text mailbox_line(const char *domain_id, const char *local_part, const user_ids &ids, const owned_text &ascii_domain,
                   const char *mail_name);
 
-// Takes a line out of a file and adds it again. A line that cannot be taken out is reported with the text
-// `not_removed`, unless that is null, and passed over. Returns how the adding ended.
+// Removes a line from a file and adds it again. A failed removal is passed over, after the report `not_removed` unless
+// that is null. Returns the result of the addition, as file_str_end does.
 edit_end renew_line(const char *path, const char *line, placement where, const char *not_removed);
 
-// False when nothing may be deleted for a step that failed with this error: it was refused, or met a limit (of
+// False when nothing may be deleted for a step that failed with this error: safe_open refused it, or it met a limit (of
 // descriptors, of a file's size) that a plain system call would not have met or would have ended the process at.
 bool may_undo(int error);
 
-// The exit status with which a failed step below a mailbox directory is reported: 0 where it was refused, for then the
-// run goes on, and 1 otherwise. In the first form errno tells.
+// The exit status for the report of a step that failed below a mailbox directory: 0 where safe_open refused it, for
+// then the run goes on, and 1 otherwise. The first form judges by errno.
 int status_of_failure();
 int status_of_failure(edit_end end);
 
-// Gives a ".qmail" popuser as its owner, then mode 0600. A failure is "Unable to chown %s file: %s" (the path), or the
-// same for chmod, and ends the process unless the file was refused.
+// Sets a ".qmail"'s owner and group to `ids`, then its mode to 0600. A failure is reported as "Unable to chown %s file:
+// %s", or the same with chmod, and ends the process unless safe_open refused the file.
 void own_dot_qmail(const char *path, const user_ids &ids);
