@@ -73,7 +73,8 @@ db_loan lend_or_open(MYSQL *lent, int system_error_flag)
         report_error(0, 0, "%s", message);
         report_error(0, system_error_flag, "Unable to connect to the mysql database\n");
     }
-    return {own.get(), std::move(own)};
+    MYSQL *db = own.get();
+    return {db, std::move(own)};
 }
 
 const char *get_param_by_query(const char *query, MYSQL *connection, unsigned column)

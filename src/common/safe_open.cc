@@ -70,7 +70,7 @@ int open_entry(const safe_dir &dir, const char *name, request &wanted, safe_open
     const bool is_alone = dir.is_alone;
     const bool wants_dir = (wanted.flags & O_DIRECTORY) != 0;
     const int flags = is_alone ? wanted.flags : wanted.flags & ~(O_CREAT | O_TRUNC);
-    struct stat entry {};
+    struct stat entry = {};
     for (int tries = 0; tries < max_tries; ++tries) {
         owned_fd fd(openat(dir.fd, name, flags, wanted.mode));
         if (fd.get() >= 0 && (is_alone || wants_dir || accept(dir, fd.get(), wanted, opened)))

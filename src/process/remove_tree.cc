@@ -6,6 +6,7 @@
 #include "common/safe_open.h"
 #include "process/exec.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
@@ -75,6 +76,7 @@ void remove_dir(int parent, const char *name, const char *path, int remove_self,
 void remove_entries(DIR *stream, int depth)
 {
     const int dir = dirfd(stream);
+    assert(dir >= 0);
     while (const struct dirent *entry = readdir(stream)) {
         const char *name = entry->d_name;
         struct stat status;

@@ -96,8 +96,8 @@ bool make_entry(const mail_name_ref &mail, const char *dir, const char *entry, c
 void make_entries(const mail_name_ref &mail, const char *dir, const user_ids &ids)
 {
     std::string refused;
-    for (const std::string_view entry : mailbox_entries)
-        if ((refused.empty() || !entry.starts_with(refused)) && !make_entry(mail, dir, entry.data(), ids))
+    for (const char *entry : mailbox_entries)
+        if ((refused.empty() || !std::string_view(entry).starts_with(refused)) && !make_entry(mail, dir, entry, ids))
             refused = std::string(entry) + "/";
 }
 
