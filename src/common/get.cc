@@ -68,13 +68,13 @@ db_loan lend_or_open(MYSQL *lent, int system_error_flag)
     if (lent)
         return {lent, nullptr};
     char message[text_size + 1];
-    owned_db own = panel_db_connect(message);
-    if (!own) {
+    db_loan loan = {nullptr, panel_db_connect(message)};
+    loan.db = loan.own.get();
+    if (!loan.db) {
         report_error(0, 0, "%s", message);
         report_error(0, system_error_flag, "Unable to connect to the mysql database\n");
     }
-    MYSQL *db = own.get();
-    return {db, std::move(own)};
+    return loan;
 }
 
 const char *get_param_by_query(const char *query, MYSQL *connection, unsigned column)

@@ -5,12 +5,10 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    free(cache);
-    cache = static_cast<char *>(malloc(size + 2));
-    memcpy(cache, data, size);
-    cache[size] = cache[size + 1] = '\0';
+    cache.reset(static_cast<char *>(calloc(size + 2, 1)));
+    memcpy(cache.get(), data, size);
     cache_size = size;
-    cut_lines(cache, size);
+    cut_lines(cache.get(), size);
     for (const char *key : {"HTTPD_SERVICE", "K", ""})
         if (const char *value = conf_get(key); value && (*value == '\0' || strchr(value, '\n')))
             abort();
