@@ -16,7 +16,7 @@ common/file_copy process/exec
 common/{accounts,file_lock,names,panel_db}
 common/safe_open
 common/{conf,idn,line_match,file_bytes,safe_dir}
-common/error
+common/error common/startup common/queries
 common/owned'
 declare -A never=([common]='qmail|filters|process|driver' [process]='qmail|filters|driver'
   [qmail]='filters|driver' [filters]='qmail|driver' [driver]='-')

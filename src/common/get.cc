@@ -1,6 +1,7 @@
 #include "common/get.h"
 
 #include "common/error.h"
+#include "common/queries.h"
 
 #include <cassert>
 #include <cstdlib>
@@ -94,8 +95,7 @@ const char *get_param_simple(const char *value, const char *table, const char *k
                              MYSQL *connection)
 {
     assert(is_plain_text(value));
-    return get_param_by_query(formatted("select %s from %s where %s='%s'", value_column, table, key_column, value),
-                              connection, 0);
+    return get_param_by_query(formatted(param_query, value_column, table, key_column, value), connection, 0);
 }
 
 const char *get_misc_param(const char *name, MYSQL *connection)
@@ -109,10 +109,7 @@ const char *get_dom_Limit(const char *domain_id, const char *limit_name, MYSQL *
     const db_loan loan = lend_or_open(connection, 0);
     if (!loan.db)
         return nullptr;
-    format_text(limit_buffer,
-                "select l.value from domains d, Limits l \t\t\t\t where d.id='%s' and d.limits_id=l.id"
-                "  and l.limit_name='%s'",
-                domain_id, limit_name);
+    format_text(limit_buffer, limit_query, domain_id, limit_name);
     return ask(loan.db, limit_buffer, "limit", limit_name);
 }
 
@@ -123,10 +120,7 @@ const char *get_DomainService_Parameter(const char *domain_id, const char *servi
     const db_loan loan = lend_or_open(connection, 0);
     if (!loan.db)
         return nullptr;
-    format_text(service_param_buffer,
-                "select r.value from DomainServices s, Parameters r \t\t\t\t where s.dom_id='%s' and s.type='%s'"
-                " and s.parameters_id=r.id  and r.parameter='%s'",
-                domain_id, service_type, parameter);
+    format_text(service_param_buffer, service_parameter_query, domain_id, service_type, parameter);
     return ask(loan.db, service_param_buffer, "parameter", parameter);
 }
 
@@ -136,8 +130,7 @@ const char *get_client_email(const char *domain_id, MYSQL *connection)
     const db_loan loan = lend_or_open(connection, 0);
     if (!loan.db)
         return nullptr;
-    const text query = formatted(
-        "select c.email from domains d, clients c \t\t\t\t\t\t\t\t\twhere d.cl_id=c.id and d.id='%s'", domain_id);
+    const text query = formatted(client_email_query, domain_id);
     if (send_query(loan.db, query) == 0)
         return choose_email(loan.db);
     report_error(0, 0, "Unable to define clients email: %s\n", mysql_error(loan.db));
@@ -149,8 +142,7 @@ void get_component_version(const char *package, char *output, std::size_t size)
     const owned_db db = panel_db_open();
     if (!db)
         report_fatal(1, "Unable to connect to the Velqa database");
-    const text query =
-        formatted("SELECT version FROM Components WHERE name = '%s'", db_escape(db.get(), package).get());
+    const text query = formatted(component_query, db_escape(db.get(), package).get());
     if (mysql_query(db.get(), query) != 0)
         report_fatal(1, "Error during mysql_query: %s", mysql_error(db.get()));
     const owned_rows result(mysql_store_result(db.get()));

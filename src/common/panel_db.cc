@@ -1,6 +1,7 @@
 #include "common/panel_db.h"
 
 #include "common/error.h"
+#include "common/queries.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -33,7 +34,7 @@ bool is_mysql41_compatible(MYSQL *db)
 
 bool choose_names(MYSQL *db, std::span<char> message)
 {
-    if (mysql_query(db, "SELECT val FROM misc WHERE param='mysql41_compatible'") != 0)
+    if (mysql_query(db, names_query) != 0)
         return give_up(db, "mysql41 compatible query", message);
     const char *names = is_mysql41_compatible(db) ? "SET NAMES utf8" : "SET NAMES binary";
     return mysql_query(db, names) == 0 || give_up(db, "set names query", message);

@@ -7,6 +7,7 @@
 #include "common/get.h"
 #include "common/names.h"
 #include "common/panel_db.h"
+#include "common/queries.h"
 #include "common/safe_open.h"
 #include "filters/antivirus.h"
 #include "qmail/domain.h"
@@ -46,30 +47,12 @@ struct domain_row {
     int disabled;
 };
 
-// The columns of a mail name's row, in the order of its query.
-#define MAIL_COLUMNS(COLUMN)                                                                                           \
-    COLUMN(mail_id, "m.id")                                                                                            \
-    COLUMN(mail_name, "m.mail_name")                                                                                   \
-    COLUMN(mail_postbox, "m.postbox")                                                                                  \
-    COLUMN(account_type, "a.type")                                                                                     \
-    COLUMN(account_password, "a.password")                                                                             \
-    COLUMN(mail_redirect, "m.redirect")                                                                                \
-    COLUMN(mail_redir_addr, "m.redir_addr")                                                                            \
-    COLUMN(mail_group, "m.mail_group")                                                                                 \
-    COLUMN(mail_autoresponder, "m.autoresponder")                                                                      \
-    COLUMN(mail_mbox_quota, "m.mbox_quota")
-
 #define COLUMN_NAME(name, source) name,
 enum mail_column { MAIL_COLUMNS(COLUMN_NAME) };
 #undef COLUMN_NAME
-#define COLUMN_SOURCE(name, source) ", " source
-constexpr const char *mail_columns = &(MAIL_COLUMNS(COLUMN_SOURCE))[2]; // behind the first ", "
-#undef COLUMN_SOURCE
 
 // The columns of a domain's row.
 enum domain_column { domain_id, domain_name, domain_status, service_status };
-constexpr const char *domain_query = "SELECT d.id, d.name, d.status, s.status FROM domains d "
-                                     "LEFT JOIN DomainServices s ON d.id=s.dom_id WHERE s.type='mail'";
 
 void empty_file(const char *below)
 {
@@ -150,9 +133,7 @@ bool is_taken(rebuild_pass &pass, std::set<std::string> &seen, const char *domai
 
 void rebuild_domain_aliases(rebuild_pass &pass, const domain_row &domain)
 {
-    const owned_rows rows = panel_db_rows_safe(
-        pass.db, 1, "domain aliases", "SELECT name FROM domainaliases WHERE dom_id=%s AND status=%u AND mail='true'",
-        domain.id, 0U);
+    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "domain aliases", domain_aliases_query, domain.id, 0U);
     std::set<std::string> seen;
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
         const char *alias = row[0];
@@ -193,8 +174,7 @@ void rebuild_forward(const domain_row &domain, const MYSQL_ROW mail, const char 
 
 void rebuild_group(const rebuild_pass &pass, const domain_row &domain, const MYSQL_ROW mail)
 {
-    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "mailgroup members",
-                                               "SELECT address FROM mail_redir WHERE mn_id=%s", mail[mail_id]);
+    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "mailgroup members", group_query, mail[mail_id]);
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
         if (row[0])
             rebuild_forward(domain, mail, row[0]);
@@ -202,8 +182,7 @@ void rebuild_group(const rebuild_pass &pass, const domain_row &domain, const MYS
 
 void rebuild_mail_aliases(const rebuild_pass &pass, const domain_row &domain, const MYSQL_ROW mail)
 {
-    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "alias for mail",
-                                               "SELECT alias FROM mail_aliases WHERE mn_id=%s", mail[mail_id]);
+    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "alias for mail", mail_aliases_query, mail[mail_id]);
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
         if (is_unfit_name(row[0]))
             report_error(0, 0, "Warning: mail alias %s of %s is passed over: the name is unfit\n", row[0], domain.name);
@@ -236,9 +215,7 @@ void rebuild_mail_name(const rebuild_pass &pass, const domain_row &domain, const
 
 void rebuild_mail_names(const rebuild_pass &pass, const domain_row &domain)
 {
-    const owned_rows rows = panel_db_rows_safe(
-        pass.db, 1, "mailnames", "SELECT %s FROM mail m LEFT JOIN accounts a ON a.id = m.account_id WHERE dom_id=%s",
-        mail_columns, domain.id);
+    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "mailnames", mail_query, mail_columns, domain.id);
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
         rebuild_mail_name(pass, domain, row);
 }
@@ -298,7 +275,7 @@ void rebuild_mail_config()
     if (!db)
         report_fatal(1, "Unable to connect to the mysql database");
     rebuild_pass pass = {db.get(), !short_pop3_names_allowed(db.get()), "$1$", {}, {}};
-    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "domains", "%s", domain_query);
+    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "domains", "%s", domains_query);
     srand(static_cast<unsigned>(time(nullptr)));
     random_salt(pass.salt + 3, 8);
     pass.salt[11] = '\0';

@@ -8,6 +8,7 @@
 #include "common/file_str.h"
 #include "common/names.h"
 #include "common/panel_db.h"
+#include "common/queries.h"
 #include "common/safe_open.h"
 #include "process/exec.h"
 
@@ -24,18 +25,11 @@ struct recipient_query {
     const char *text;
 };
 
-// Each row: setting, local part, domain.
 constexpr recipient_query recipient_queries[] = {
-    {"mailnames", "SELECT m.virusfilter, m.mail_name, d.name FROM mail m LEFT JOIN domains d ON m.dom_id=d.id "
-                  "WHERE m.virusfilter!='none'"},
-    {"mailnames on domain aliases",
-     "SELECT m.virusfilter, m.mail_name, da.name FROM mail m LEFT JOIN domainaliases da ON m.dom_id=da.dom_id "
-     "WHERE m.virusfilter!='none' AND da.mail='true' AND da.status='0'"},
-    {"mail aliases", "SELECT mn.virusfilter, ma.alias, d.name FROM mail mn, domains d, mail_aliases ma "
-                     "WHERE ma.mn_id=mn.id AND mn.dom_id=d.id AND mn.virusfilter!='none'"},
-    {"mail aliases on domain aliases",
-     "SELECT mn.virusfilter, ma.alias, da.name FROM mail mn, domains d, mail_aliases ma, domainaliases da "
-     "WHERE mn.dom_id=da.dom_id AND ma.mn_id=mn.id AND mn.dom_id=d.id AND mn.virusfilter!='none'"},
+    {"mailnames", scanned_names_query},
+    {"mailnames on domain aliases", scanned_names_on_aliases_query},
+    {"mail aliases", scanned_aliases_query},
+    {"mail aliases on domain aliases", scanned_aliases_on_aliases_query},
 };
 
 // What an address may carry, from whatever tool wrote it.
@@ -52,11 +46,6 @@ constexpr rule_form rule_forms[] = {
 constexpr std::size_t form_count = sizeof rule_forms / sizeof *rule_forms;
 
 constexpr const char *header = "[version=2]\n";
-
-text list_path()
-{
-    return formatted("%s/%s", DRWEB_ETC_D, "/users.conf");
-}
 
 bool is_dash(const char *path)
 {
@@ -151,6 +140,11 @@ bool rebuild_from(MYSQL *db, const recipient_query &query)
 
 } // namespace
 
+text av_list_path()
+{
+    return formatted("%s/%s", DRWEB_ETC_D, "/users.conf");
+}
+
 void av_rebuild_recipients(MYSQL *db)
 {
     av_reset_list();
@@ -162,7 +156,7 @@ void av_rebuild_recipients(MYSQL *db)
 
 int av_reset_list()
 {
-    const text path = list_path();
+    const text path = av_list_path();
     const text template_path = formatted("%s.in", path.c_str());
     struct stat status;
     if (stat(template_path, &status) == 0 && copy_file_locked(template_path, path) == 0)
@@ -185,7 +179,7 @@ int av_set_recipient(const char *domain, const char *name, const char *virusfilt
 {
     av_clear_recipient(domain, name);
     const text address = formatted("%s@%s", name, domain);
-    const text path = list_path();
+    const text path = av_list_path();
     const char *direction = virusfilter;
     if (strncmp(virusfilter, "outgoing", 8) == 0)
         direction = "from";
@@ -203,7 +197,7 @@ int av_set_recipient(const char *domain, const char *name, const char *virusfilt
 int av_clear_recipient(const char *domain, const char *name)
 {
     const text address = formatted("%s@%s", name, domain);
-    const text path = list_path();
+    const text path = av_list_path();
     owned_text texts[form_count];
     const char *rules[form_count + 1] = {};
     for (std::size_t at = 0; at < form_count; ++at) {

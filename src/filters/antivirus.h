@@ -1,11 +1,16 @@
 #pragma once
 
+#include "common/error.h"
+
 #include <mysql.h>
 
 // The antivirus engine's recipient list, DRWEB_ETC_D//users.conf; the double slash is part of its lock's name. It
 // begins with a header or the content of the template users.conf.in; then comes a rule for each address whose mail is
 // scanned. Names enter it as the database holds them. Fatal are memory that runs out, a failed write while old rules
 // are removed, and a child process that cannot be made.
+
+// The path of the list, as its lock is named.
+text av_list_path();
 
 // Rebuilds the list from the panel database on the caller's connection, then runs virsetup to notify the engine. After
 // a failed query it reports and returns: the rules written so far stay, virsetup does not run. Other failures are

@@ -4,6 +4,7 @@
 #include "common/error.h"
 #include "common/get.h"
 #include "common/panel_db.h"
+#include "common/queries.h"
 #include "process/exec.h"
 
 #include <cstdarg>
@@ -61,9 +62,7 @@ bool run_utility(const replay &name)
 // 1 when the name has a filter row, 0 when not, -1 on failure.
 int find_filter(replay &name)
 {
-    const owned_rows rows =
-        ask(name, "SELECT id, IF(reject_spam = 'true', 'delete', 'save') FROM spamfilter WHERE username = '%s'",
-            name.escaped_name.get());
+    const owned_rows rows = ask(name, spam_filter_query, name.escaped_name.get());
     if (!rows)
         return -1;
     const MYSQL_ROW row = mysql_fetch_row(rows.get());
@@ -76,10 +75,7 @@ int find_filter(replay &name)
 
 bool append_mailbox_state(replay &name)
 {
-    const owned_rows rows = ask(name,
-                                "SELECT spamfilter FROM mail m, domains d WHERE m.dom_id = d.id "
-                                "AND CONCAT(m.mail_name, '@', d.name) = '%s'",
-                                name.escaped_name.get());
+    const owned_rows rows = ask(name, spam_state_query, name.escaped_name.get());
     if (!rows)
         return false;
     const MYSQL_ROW row = mysql_fetch_row(rows.get());
@@ -111,10 +107,7 @@ void append_server_state(replay &name)
 
 bool append_score(replay &name)
 {
-    const owned_rows rows = ask(name,
-                                "SELECT value FROM spamfilter_preferences WHERE spamfilter_id = %s "
-                                "AND preference = 'required_score' ORDER BY prefid",
-                                name.id.c_str());
+    const owned_rows rows = ask(name, spam_score_query, name.id.c_str());
     if (!rows)
         return false;
     if (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
@@ -126,11 +119,7 @@ bool append_score(replay &name)
 
 bool append_subject(replay &name)
 {
-    const owned_rows rows = ask(name,
-                                "SELECT TRIM(TRIM(LEADING 'subject' FROM value)) FROM spamfilter_preferences "
-                                "WHERE spamfilter_id = %s AND preference = 'rewrite_header' AND value LIKE 'subject%%' "
-                                "ORDER BY prefid",
-                                name.id.c_str());
+    const owned_rows rows = ask(name, spam_subject_query, name.id.c_str());
     if (!rows)
         return false;
     if (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
@@ -159,11 +148,7 @@ bool append_entry(replay &name, const char *list, const char *value)
 
 bool append_lists(replay &name)
 {
-    const owned_rows rows = ask(name,
-                                "SELECT TRIM(TRAILING '_from' FROM preference), value FROM spamfilter_preferences "
-                                "WHERE spamfilter_id = %s AND preference IN ('blacklist_from', 'whitelist_from', "
-                                "'unblacklist_from', 'unwhitelist_from') ORDER BY prefid",
-                                name.id.c_str());
+    const owned_rows rows = ask(name, spam_lists_query, name.id.c_str());
     if (!rows)
         return false;
     bool appended = true;
@@ -195,7 +180,7 @@ int apply(replay &name)
 
 void apply_domain(const char *id, const char *domain, MYSQL *db)
 {
-    const owned_rows rows = panel_db_rows_safe(db, 0, "mailnames", "SELECT mail_name FROM mail WHERE dom_id=%s", id);
+    const owned_rows rows = panel_db_rows_safe(db, 0, "mailnames", spam_names_query, id);
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
         spam_apply_mailname(row[0], domain, db);
 }
@@ -239,10 +224,7 @@ void spam_rebuild_settings()
     if (!db)
         report_fatal(0, "Unable to connect to the mysql database");
     spam_apply_server(db);
-    const owned_rows rows =
-        panel_db_rows_safe(db, 0, "domains",
-                           "SELECT d.id, d.name FROM domains d LEFT JOIN DomainServices s ON d.id=s.dom_id "
-                           "WHERE s.type='mail'");
+    const owned_rows rows = panel_db_rows_safe(db, 0, "domains", "%s", spam_domains_query);
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
         apply_domain(row[0], row[1], db);
 }

@@ -4,6 +4,7 @@
 #include "common/conf.h"
 #include "common/error.h"
 #include "common/get.h"
+#include "common/queries.h"
 #include "common/safe_open.h"
 #include "process/remove_tree.h"
 #include "process/send_sig.h"
@@ -23,7 +24,7 @@ text id_buffer;
 bool ask_dom_id(MYSQL *db, const char *name)
 {
     assert(is_plain_text(name));
-    format_text(id_buffer, "select id from domains where name='%s'", name);
+    format_text(id_buffer, domain_id_query, name);
     if (mysql_real_query(db, id_buffer, strlen(id_buffer)) != 0)
         report_fatal(1, "Unable to query domain ID: %s\n", mysql_error(db));
     const owned_rows result(mysql_store_result(db));
