@@ -1,0 +1,231 @@
+#include "control/publish.h"
+
+#include "common/conf.h"
+#include "common/file_lock.h"
+#include "common/safe_open.h"
+#include "control/apart.h"
+#include "control/lines.h"
+#include "control/put.h"
+#include "control/say.h"
+#include "control/signals.h"
+#include "process/exec.h"
+#include "process/service.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+
+namespace {
+
+using held_lock = std::unique_ptr<file_lock>;
+
+// A publishing on its way.
+struct passage {
+    const changes &found;
+    publishing &state;
+    held_lock locks[list_count];
+    std::string reduced; // rcpthosts without the lines that go
+};
+
+publish_end fail(passage &way, const std::string &what)
+{
+    way.state.cause = what + ": " + strerror(errno);
+    return noted_signal() != 0 ? publish_end::interrupted : publish_end::failed;
+}
+
+bool is_unchanged(const change &entry)
+{
+    struct stat now {};
+    if (lstat(entry.path.c_str(), &now) != 0)
+        return entry.before.st_mode == 0;
+    if (S_ISDIR(entry.before.st_mode))
+        return now.st_mode == entry.before.st_mode && now.st_uid == entry.before.st_uid &&
+               now.st_gid == entry.before.st_gid;
+    return is_same_file(now, entry.before);
+}
+
+bool is_unchanged(int number, const list_state &list)
+{
+    const std::string path = list_path(static_cast<list_number>(number));
+    struct stat now {};
+    if (stat(path.c_str(), &now) != 0)
+        return !list.before;
+    return list.before && now.st_mode == list.status_before.st_mode && now.st_uid == list.status_before.st_uid &&
+           now.st_gid == list.status_before.st_gid && file_bytes_at(AT_FDCWD, path.c_str()) == list.before;
+}
+
+// Takes the locks of the lists that change and looks at everything again. Nobody else holds two of these locks at once.
+publish_end lock_and_look(passage &way)
+{
+    for (int number = 0; number < list_count; ++number) {
+        const list_state &list = way.found.lists[number];
+        if (!is_list_changed(list))
+            continue;
+        const std::string path = list_path(static_cast<list_number>(number));
+        way.locks[number] = lock_file_exclusive(path.c_str(), 1);
+        if (!lock_file_is_held(way.locks[number]))
+            return fail(way, "the lock of " + path + " cannot be had");
+        if (!is_unchanged(number, list))
+            return publish_end::changed;
+    }
+    for (const change &entry : way.found.entries)
+        if (!is_unchanged(entry))
+            return publish_end::changed;
+    return publish_end::done;
+}
+
+// Puts one list in place with these bytes.
+publish_end put_list(passage &way, list_number number, const std::string &bytes)
+{
+    const std::string path = list_path(number);
+    const std::string real = real_path(path);
+    way.state.has_begun = true;
+    if (!put_file(real.empty() ? path : real, bytes, way.found.lists[number].status_after, true))
+        return fail(way, path);
+    way.state.in_place.push_back(path);
+    return publish_end::done;
+}
+
+publish_end put_changed_list(passage &way, list_number number)
+{
+    const list_state &list = way.found.lists[number];
+    return is_list_changed(list) && list.after ? put_list(way, number, *list.after) : publish_end::done;
+}
+
+publish_end take_lines_out(passage &way)
+{
+    const list_state &list = way.found.lists[rcpthosts];
+    const std::string before = list.before.value_or("");
+    way.reduced = common_lines(before, list.after.value_or(""));
+    if (count_lines(before, way.reduced).go == 0) {
+        way.reduced = before;
+        return publish_end::done;
+    }
+    return put_list(way, rcpthosts, way.reduced);
+}
+
+publish_end put_entry(passage &way, const change &entry)
+{
+    const bool is_dir = S_ISDIR(entry.after.st_mode);
+    held_lock lock(is_dir ? nullptr : lock_file_exclusive(entry.path.c_str(), 1));
+    if (!is_dir && !lock_file_is_held(lock))
+        return fail(way, "the lock of " + entry.path + " cannot be had");
+    if (!is_unchanged(entry))
+        return publish_end::changed;
+    const auto bytes = entry.what == kind::content || entry.what == kind::new_file ? new_bytes(way.found, entry)
+                                                                                    : std::string();
+    way.state.has_begun = true;
+    if (!bytes || !put_in_place(entry, *bytes))
+        return fail(way, entry.path);
+    return publish_end::done;
+}
+
+// Directories first: an entry's own comes before it.
+publish_end put_entries(passage &way)
+{
+    std::size_t done = 0;
+    for (const bool wants_dir : {true, false})
+        for (const change &entry : way.found.entries) {
+            if (S_ISDIR(entry.after.st_mode) != wants_dir)
+                continue;
+            if (noted_signal() != 0)
+                return publish_end::interrupted;
+            if (const publish_end end = put_entry(way, entry); end != publish_end::done)
+                return end;
+            show_progress("published: directories and files of mailboxes", ++done, way.found.entries.size());
+        }
+    if (done > 0)
+        way.state.in_place.push_back(std::to_string(done) + " directories and files of mailboxes");
+    return publish_end::done;
+}
+
+publish_end rebuild_users(passage &way)
+{
+    way.state.has_begun = true;
+    const int status = run_apart([] { return (run_shell(qmail_newu()) >> 8) & 0xff; });
+    if (status != 0) {
+        way.state.cause = "qmail-newu ended with status " + std::to_string(status);
+        return publish_end::failed;
+    }
+    way.state.in_place.emplace_back("qmail-newu's database");
+    return publish_end::done;
+}
+
+publish_end restart(passage &way)
+{
+    if (run_apart([] { return service_control("qmail", "restart") == 0 ? 0 : 1; }) != 0) {
+        way.state.cause = "qmail could not be restarted";
+        return publish_end::failed;
+    }
+    way.state.in_place.emplace_back("the restart of qmail");
+    return publish_end::done;
+}
+
+// The list may have been edited since the lines that go have left it.
+publish_end let_lines_in(passage &way)
+{
+    const list_state &list = way.found.lists[rcpthosts];
+    if (!is_list_changed(list) || !list.after)
+        return publish_end::done;
+    const std::string path = list_path(rcpthosts);
+    const held_lock lock = lock_file_exclusive(path.c_str(), 1);
+    if (!lock_file_is_held(lock))
+        return fail(way, "the lock of " + path + " cannot be had");
+    const std::string now = file_bytes_at(AT_FDCWD, path.c_str()).value_or("");
+    return put_list(way, rcpthosts, now == way.reduced ? *list.after : merged_lines(now, *list.before, *list.after));
+}
+
+bool tell_antivirus(passage &way)
+{
+    const int status = run_apart([] { return util_exec("virsetup", "-r", static_cast<char *>(nullptr)); });
+    if (status == 0)
+        way.state.in_place.emplace_back("virsetup -r");
+    return status == 0;
+}
+
+using step = publish_end (*)(passage &);
+
+constexpr step steps_before_virsetup[] = {
+    take_lines_out,
+    put_entries,
+    [](passage &way) { return put_changed_list(way, assign); },
+    rebuild_users,
+    [](passage &way) { return put_changed_list(way, poppasswd); },
+    [](passage &way) { return put_changed_list(way, virtualdomains); },
+    [](passage &way) { return put_changed_list(way, rejectnonexist); },
+    [](passage &way) { return put_changed_list(way, recipients); },
+};
+constexpr step steps_behind_virsetup[] = {restart, let_lines_in};
+
+template <std::size_t Count> publish_end take_steps(const step (&steps)[Count], passage &way)
+{
+    for (const step take : steps) {
+        if (noted_signal() != 0)
+            return publish_end::interrupted;
+        if (const publish_end end = take(way); end != publish_end::done)
+            return end;
+    }
+    return publish_end::done;
+}
+
+} // namespace
+
+publish_end publish(const changes &found, bool calls_virsetup, const std::function<bool(std::string &)> &keep_copy,
+                    publishing &state)
+{
+    passage way = {found, state, {}, {}};
+    if (const publish_end end = lock_and_look(way); end != publish_end::done)
+        return end;
+    if (!keep_copy(state.cause))
+        return noted_signal() != 0 ? publish_end::interrupted : publish_end::failed;
+    if (const publish_end end = take_steps(steps_before_virsetup, way); end != publish_end::done)
+        return end;
+    for (held_lock &lock : way.locks)
+        lock.reset(); // the utilities may want them
+    const bool is_told = !calls_virsetup || tell_antivirus(way);
+    const publish_end end = take_steps(steps_behind_virsetup, way);
+    if (end != publish_end::done || is_told)
+        return end;
+    state.cause = "virsetup -r failed";
+    return publish_end::failed;
+}

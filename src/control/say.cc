@@ -1,0 +1,113 @@
+#include "control/say.h"
+
+#include "common/error.h"
+#include "common/file_bytes.h"
+#include "common/owned.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *log_path = "/var/log/mboxfixctl.log";
+
+bool is_quiet = false;
+bool has_line = false;      // on the terminal, to be written over
+std::size_t last_tenth = 0; // that was told where there is none
+std::string last_what;
+
+bool is_terminal()
+{
+    return isatty(STDERR_FILENO) != 0;
+}
+
+__attribute__((format(printf, 1, 0))) std::string vformatted(const char *format, va_list arguments)
+{
+    char *made = nullptr;
+    const owned_text text(vasprintf(&made, format, arguments) < 0 ? nullptr : made);
+    return text ? text.get() : format;
+}
+
+} // namespace
+
+void say_quietly()
+{
+    is_quiet = true;
+}
+
+void complain(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string text = vformatted(format, arguments);
+    va_end(arguments);
+    end_progress();
+    fprintf(stderr, "mboxfixctl: %s\n", printable(text).c_str());
+}
+
+void show_progress(const char *what, std::size_t done, std::size_t total)
+{
+    if (is_quiet || total == 0)
+        return;
+    if (is_terminal()) {
+        fprintf(stderr, "\r\033[K%s: %zu of %zu", what, done, total);
+        has_line = true;
+        return;
+    }
+    if (last_what != what) {
+        last_what = what;
+        last_tenth = 0;
+    }
+    if (const std::size_t tenth = done * 10 / total; tenth > last_tenth) {
+        last_tenth = tenth;
+        fprintf(stderr, "%s: %zu of %zu\n", what, done, total);
+    }
+}
+
+void end_progress()
+{
+    if (has_line)
+        fputs("\r\033[K", stderr);
+    has_line = false;
+}
+
+void log_line(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string text = printable(vformatted(format, arguments));
+    va_end(arguments);
+    const owned_fd log(open(log_path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640));
+    const time_t now = time(nullptr);
+    struct tm local {};
+    char stamp[32];
+    strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", localtime_r(&now, &local));
+    const std::string line = std::string(stamp) + " " + text + "\n";
+    static bool complained = false;
+    if ((log.get() < 0 || write_all(log.get(), line) != 0) && !complained) {
+        complained = true;
+        complain("%s: %s", log_path, strerror(errno));
+    }
+}
+
+void log_to_system(const char *text)
+{
+    openlog("mboxfixctl", LOG_PID, LOG_MAIL);
+    syslog(LOG_NOTICE, "%s", text);
+    closelog();
+}
+
+std::string printable(std::string text)
+{
+    for (char &byte : text)
+        if ((static_cast<unsigned char>(byte) < 32 && byte != '\t') || byte == 127)
+            byte = '?';
+    return text;
+}
