@@ -51,7 +51,7 @@ std::vector<std::string> find_refusals(const stage &made, const changes &found)
             causes.push_back(entry.path + " would be taken away, with what is in it");
     const std::set<std::string_view> homes = home_dirs(found.lists[assign].after ? *found.lists[assign].after : "");
     for (const std::string &path : made.where.strangers)
-        if (is_on_the_way(path, homes))
+        if (made.status != 0 || is_on_the_way(path, homes)) // a run that failed has not named all its directories
             causes.push_back(path + " is a link, but not root's: take it away");
     for (std::string &cause : find_obstacles(found))
         causes.push_back(std::move(cause));

@@ -175,8 +175,10 @@ publish_end stage_and_publish(session &at, const run_mode &mode, std::size_t dom
         goes_on = make_stage(mode, domains, made, found);
         const std::vector<std::string> causes = goes_on ? find_refusals(made, found) : std::vector<std::string>();
         at.stage_seconds = seconds_since(start);
-        if (!causes.empty())
+        if (!causes.empty()) {
             show_reports(made);
+            fflush(stdout);
+        }
         goes_on = goes_on && causes.empty();
         if (!goes_on) {
             give_up(causes);
@@ -258,7 +260,7 @@ int preview_command(const run_mode &mode, bool is_short, const std::string &page
             show_changes(found);
     }
     if (!causes.empty())
-        return give_up(causes);
+        return untouched;
     return is_anything_shown(found) ? would_change : done;
 }
 

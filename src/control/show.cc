@@ -241,7 +241,8 @@ void show_reports(const stage &made)
 {
     const std::string reports = stage_text(made, "err");
     for (const std::string_view line : lines_of(reports))
-        printf("would report: %s\n", printable(std::string(line)).c_str());
+        if (!line.empty())
+            printf("would report: %s\n", printable(std::string(line)).c_str());
     if (made.status != 0)
         printf("the run would end with exit status %d\n", made.status);
 }
