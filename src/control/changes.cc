@@ -202,7 +202,7 @@ bool find_changes(const stage &made, changes &found)
         if (!at.is_shown)
             continue;
         look_at_top(made, found, layer);
-        const int fd = fcntl(found.layers[layer].get(), F_DUPFD_CLOEXEC, 0);
+        const int fd = openat(found.layers[layer].get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (fd < 0 || !walk_dir({found, layer, at.named.size() + 1, lists}, at.named, fd))
             return false;
     }
@@ -229,7 +229,7 @@ bool find_differences(owned_fd tree, changes &found)
             list.status_after = kept;
         }
     }
-    const int fd = fcntl(root, F_DUPFD_CLOEXEC, 0);
+    const int fd = openat(root, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0 || !walk_dir({found, 0, 1, lists}, "", fd))
         return false;
     std::erase_if(found.entries, [](const change &entry) {
