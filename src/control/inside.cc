@@ -167,7 +167,7 @@ int run_inside(void *data)
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGXFSZ})
         signal(number, SIG_DFL);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    setsid();
+    setpgid(0, 0); // what is typed at the terminal is for the caller
     close(run.other_end);
     pollfd report = {run.report, 0, 0};
     if (poll(&report, 1, 0) != 0)
