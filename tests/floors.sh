@@ -5,21 +5,27 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # From the top down; a line is a floor, and its rooms do not know each other.
-readonly floors='driver/main
-driver/run
-driver/rebuild
+readonly floors='driver/main control/main
+driver/run control/{session,restore}
+driver/rebuild control/outcome
+control/{check,publish,refusals}
+control/{copies,obstacles,put,run_lock,show}
+control/{changes,rows}
+control/{stage,apart}
+control/inside
+control/places
 qmail/{mailbox,forward,nonexist,quota} filters/{antivirus,spam} process/service
 qmail/domain
 qmail/layout process/remove_tree
 common/{file_str,get} process/send_sig
-common/file_copy process/exec
+common/file_copy process/exec control/{findings,lines,say,signals}
 common/{accounts,file_lock,names,panel_db}
 common/safe_open
 common/{conf,idn,line_match,file_bytes,safe_dir}
-common/error common/startup common/queries
+common/{error,startup,queries}
 common/owned'
-declare -A never=([common]='qmail|filters|process|driver' [process]='qmail|filters|driver'
-  [qmail]='filters|driver' [filters]='qmail|driver' [driver]='-')
+declare -A never=([common]='qmail|filters|process|driver|control' [process]='qmail|filters|driver|control'
+  [qmail]='filters|driver|control' [filters]='qmail|driver|control' [driver]='control' [control]='driver')
 
 status=0
 fail() {

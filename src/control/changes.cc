@@ -28,8 +28,7 @@ struct walk {
 
 bool same_attributes(const struct stat &one, const struct stat &other)
 {
-    return one.st_uid == other.st_uid && one.st_gid == other.st_gid &&
-           (one.st_mode & 07777) == (other.st_mode & 07777);
+    return one.st_uid == other.st_uid && one.st_gid == other.st_gid && (one.st_mode & 07777) == (other.st_mode & 07777);
 }
 
 bool is_below_maildir(std::string_view path)

@@ -15,7 +15,7 @@ enum class kind {
     content,
     attributes, // nothing but owner or mode
     removal,    // of a file
-    loss,       // of a directory, of a file below a Maildir, or by what is no regular file: nothing that is ever published
+    loss, // of a directory, of a file below a Maildir, or by what is no regular file: nothing that is ever published
 };
 
 struct change {

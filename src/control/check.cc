@@ -67,11 +67,11 @@ bool can_ask(MYSQL *db, const std::string &query, std::string &cause)
     return false;
 }
 
-constexpr const char *rebuild_queries[] = {domains_query,      domain_aliases_query, group_query, mail_aliases_query,
-                                           domain_id_query,    limit_query,          service_parameter_query,
-                                           client_email_query, component_query,      names_query};
-constexpr const char *antivirus_queries[] = {scanned_names_query, scanned_names_on_aliases_query,
-                                             scanned_aliases_query, scanned_aliases_on_aliases_query};
+constexpr const char *rebuild_queries[] = {
+    domains_query, domain_aliases_query,    group_query,        mail_aliases_query, domain_id_query,
+    limit_query,   service_parameter_query, client_email_query, component_query,    names_query};
+constexpr const char *antivirus_queries[] = {scanned_names_query, scanned_names_on_aliases_query, scanned_aliases_query,
+                                             scanned_aliases_on_aliases_query};
 constexpr const char *spam_queries[] = {spam_domains_query, spam_names_query,   spam_filter_query, spam_state_query,
                                         spam_score_query,   spam_subject_query, spam_lists_query};
 
@@ -104,8 +104,7 @@ void check_user(check_result &result, const char *name)
 {
     const struct passwd *user = getpwnam(name);
     const bool is_fine = user && user->pw_uid != 0 && user->pw_gid != 0 && getgrgid(user->pw_gid);
-    add(result, is_fine,
-        std::string("user ") + name + (is_fine ? "" : ": there is none, or it has no group: add it"));
+    add(result, is_fine, std::string("user ") + name + (is_fine ? "" : ": there is none, or it has no group: add it"));
 }
 
 void check_directory(check_result &result, const std::string &path)
@@ -226,12 +225,4 @@ check_result check_everything(const run_mode &mode, bool looks_for_runs)
         check_rows(db.get(), result);
     }
     return result;
-}
-
-bool is_fine(const check_result &result)
-{
-    for (const finding_line &line : result.lines)
-        if (!line.is_ok)
-            return false;
-    return true;
 }

@@ -59,8 +59,8 @@ bool lay_out(int tree, const std::string &path, std::string_view bytes, const st
     const owned_fd file(openat(tree, below.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     const struct timespec times[] = {status.st_atim, status.st_mtim};
     return file.get() >= 0 && write_all(file.get(), bytes) == 0 &&
-           fchown(file.get(), status.st_uid, status.st_gid) == 0 &&
-           fchmod(file.get(), status.st_mode & 07777) == 0 && futimens(file.get(), times) == 0;
+           fchown(file.get(), status.st_uid, status.st_gid) == 0 && fchmod(file.get(), status.st_mode & 07777) == 0 &&
+           futimens(file.get(), times) == 0;
 }
 
 bool lay_out_all(int tree, const changes &found)

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-// The kept copies: tar archives in /var/backups/mboxfix, root's alone, named after their time; the last ten stay. A copy
-// holds the lists, all of them, and the files of mailboxes that an apply was about to change, as they were.
+// The kept copies: tar archives in /var/backups/mboxfix, root's alone, named after their time; the last ten stay. A
+// copy holds the lists, all of them, and the files of mailboxes that an apply was about to change, as they were.
 
 // Makes a copy; `name` is then its path. False with the cause: nothing of it is left.
 bool keep_copy(const changes &found, std::string &name, std::string &cause);

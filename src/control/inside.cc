@@ -43,9 +43,9 @@ void mount_or_give_up(const inner_run &run, const std::string &source, const std
                       unsigned long flags, const char *options)
 {
     if (mount(source.c_str(), target.c_str(), type, flags, options) != 0)
-        give_up(run, type ? "no " + std::string(type) + " can be mounted at " + target +
-                                " (plain mboxfix works without)"
-                          : target + " cannot be covered");
+        give_up(run, type
+                         ? "no " + std::string(type) + " can be mounted at " + target + " (plain mboxfix works without)"
+                         : target + " cannot be covered");
 }
 
 // Where the kernel cannot close all mounts to writing at once.
@@ -90,10 +90,9 @@ void cover(const inner_run &run)
         mount_or_give_up(run, (*run.covered)[number].real, formatted("l/%zu", number).c_str(), nullptr, MS_BIND,
                          nullptr);
     for (std::size_t number = 0; number < run.covered->size(); ++number)
-        mount_or_give_up(
-            run, "mboxfixctl", (*run.covered)[number].real, "overlay", MS_NOSUID | MS_NODEV,
-            formatted("lowerdir=l/%zu,upperdir=u/%zu,workdir=w/%zu,redirect_dir=off,metacopy=off", number, number,
-                      number));
+        mount_or_give_up(run, "mboxfixctl", (*run.covered)[number].real, "overlay", MS_NOSUID | MS_NODEV,
+                         formatted("lowerdir=l/%zu,upperdir=u/%zu,workdir=w/%zu,redirect_dir=off,metacopy=off", number,
+                                   number, number));
 }
 
 void make_stand_in(const inner_run &run)

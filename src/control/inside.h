@@ -8,12 +8,13 @@
 
 struct inner_run {
     int stage_dir;
-    int report; // gets "status N" at the end of the run, or one line that says why there was none
+    int report;    // gets "status N" at the end of the run, or one line that says why there was none
     int other_end; // of the report, to be closed
     const std::vector<place> *covered;
     const char *program;
     const char *option;
 };
 
-// Prepares the namespaces that it was started in and runs the program there; `run` is an inner_run. Ends with its caller.
+// Prepares the namespaces that it was started in and runs the program there; `run` is an inner_run. Ends with its
+// caller.
 int run_inside(void *run);

@@ -1,5 +1,6 @@
 #include "common/error.h"
 #include "common/startup.h"
+#include "control/restore.h"
 #include "control/say.h"
 #include "control/session.h"
 #include "control/signals.h"

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-// What would keep files from being written where a stage has written them: read-only file systems, files that must not be
-// changed, no room. Each text is what is wrong and what to do about it; empty when nothing is.
+// What would keep files from being written where a stage has written them: read-only file systems, files that must not
+// be changed, no room. Each text is what is wrong and what to do about it; empty when nothing is.
 
 std::string obstacle_at(const std::string &path, bool is_directory);
 

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-// Where a run of mboxfix can write: the directories of the configuration, or the nearest above one that is missing; file
-// systems mounted below them; and what root's links there lead to.
+// Where a run of mboxfix can write: the directories of the configuration, or the nearest above one that is missing;
+// file systems mounted below them; and what root's links there lead to.
 
 struct place {
     std::string real;  // without links

@@ -112,8 +112,8 @@ publish_end put_entry(passage &way, const change &entry)
         return fail(way, "the lock of " + entry.path + " cannot be had");
     if (!is_unchanged(entry))
         return publish_end::changed;
-    const auto bytes = entry.what == kind::content || entry.what == kind::new_file ? new_bytes(way.found, entry)
-                                                                                    : std::string();
+    const auto bytes =
+        entry.what == kind::content || entry.what == kind::new_file ? new_bytes(way.found, entry) : std::string();
     way.state.has_begun = true;
     if (!bytes || !put_in_place(entry, *bytes))
         return fail(way, entry.path);

@@ -24,7 +24,7 @@ struct publishing {
     std::string cause;                 // of a failure, one line
 };
 
-// `keep_copy` is called once nothing has changed meanwhile, under the locks of all the lists that change; false ends the
-// publishing before it has begun, as failed. `calls_virsetup` tells whether the antivirus engine is to be told.
+// `keep_copy` is called once nothing has changed meanwhile, under the locks of all the lists that change; false ends
+// the publishing before it has begun, as failed. `calls_virsetup` tells whether the antivirus engine is to be told.
 publish_end publish(const changes &found, bool calls_virsetup, const std::function<bool(std::string &)> &keep_copy,
                     publishing &state);

@@ -22,7 +22,8 @@ std::set<std::string_view> home_dirs(std::string_view assign_text)
     return dirs;
 }
 
-// Whether the run comes by this path: in a directory of its lists, or in or at one of a domain or mailbox that it knows.
+// Whether the run comes by this path: in a directory of its lists, or in or at one of a domain or mailbox that it
+// knows.
 bool is_on_the_way(const std::string &path, const std::set<std::string_view> &homes)
 {
     const std::string top = std::string(QMAIL_MAILNAMES_D) + "/";

@@ -20,8 +20,7 @@
 namespace {
 
 // What a run would ask row by row, asked at once.
-constexpr const char *all_aliases =
-    "SELECT dom_id, name FROM domainaliases WHERE status=0 AND mail='true' ORDER BY id";
+constexpr const char *all_aliases = "SELECT dom_id, name FROM domainaliases WHERE status=0 AND mail='true' ORDER BY id";
 constexpr const char *all_names = "SELECT dom_id, id, mail_name, redirect, redir_addr, mail_group FROM mail";
 constexpr const char *all_members = "SELECT mn_id, address FROM mail_redir";
 constexpr const char *all_mail_aliases = "SELECT mn_id, alias FROM mail_aliases";
@@ -202,9 +201,8 @@ void check_rows(MYSQL *db, check_result &result)
 
 std::size_t count_missing_mailboxes(MYSQL *db)
 {
-    const owned_rows answer =
-        panel_db_rows(db, "SELECT d.name, m.mail_name FROM mail m, domains d, DomainServices s "
-                          "WHERE m.dom_id=d.id AND s.dom_id=d.id AND s.type='mail'");
+    const owned_rows answer = panel_db_rows(db, "SELECT d.name, m.mail_name FROM mail m, domains d, DomainServices s "
+                                                "WHERE m.dom_id=d.id AND s.dom_id=d.id AND s.type='mail'");
     std::size_t missing = 0;
     while (const MYSQL_ROW row = answer ? mysql_fetch_row(answer.get()) : nullptr) {
         const owned_text ascii = row[0] ? idn_toascii(row[0]) : nullptr;

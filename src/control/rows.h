@@ -1,6 +1,8 @@
 #pragma once
 
-#include "control/check.h"
+#include "control/findings.h"
+
+#include <mysql.h>
 
 // The panel's rows, as a run would take them: adds what would be passed over and what would end it, by name.
 void check_rows(MYSQL *db, check_result &result);

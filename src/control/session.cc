@@ -2,20 +2,19 @@
 
 #include "common/conf.h"
 #include "common/error.h"
+#include "control/check.h"
 #include "control/copies.h"
 #include "control/lines.h"
-#include "control/obstacles.h"
+#include "control/outcome.h"
 #include "control/publish.h"
 #include "control/refusals.h"
 #include "control/rows.h"
-#include "control/run_lock.h"
 #include "control/say.h"
 #include "control/show.h"
 #include "control/signals.h"
 #include "process/exec.h"
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -25,49 +24,10 @@
 
 namespace {
 
-constexpr int max_stages = 3;
-constexpr int done = 0;
-constexpr int would_change = 1;
-constexpr int failed = 1;
-constexpr int untouched = 2;
-
-using instant = std::chrono::steady_clock::time_point;
-
-double seconds_since(instant start)
-{
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-// What an apply or a restore is about.
-struct session {
-    std::string command; // for the log
-    std::string copy;    // its path, once it is made
-    publishing state;
-    double stage_seconds;
-    double publish_seconds;
-};
-
 // The program beside this one.
 std::string program_path()
 {
     return dir_of(real_path("/proc/self/exe")) + "/mboxfix";
-}
-
-int give_up(const std::vector<std::string> &causes)
-{
-    for (const std::string &cause : causes)
-        complain("%s", cause.c_str());
-    return untouched;
-}
-
-bool complain_of(const check_result &result)
-{
-    for (const finding_line &line : result.lines)
-        if (!line.is_ok)
-            complain("%s", line.text.c_str());
-    for (const std::string &warning : result.warnings)
-        complain("%s", warning.c_str());
-    return !is_fine(result);
 }
 
 // Runs the stage and finds what it changed. False after a complaint.
@@ -109,34 +69,6 @@ bool is_agreed_to()
     fflush(stdout);
     char answer[16];
     return fgets(answer, sizeof answer, stdin) && (answer[0] == 'y' || answer[0] == 'Y');
-}
-
-void tell_in_place(const session &at)
-{
-    for (const std::string &what : at.state.in_place)
-        complain("in place: %s", what.c_str());
-    if (!at.copy.empty())
-        complain("the former state is kept: mboxfixctl restore %s", name_of(at.copy).c_str());
-}
-
-// Says how a publishing ended that did not succeed.
-int end_badly(const session &at, publish_end end)
-{
-    const std::string cause = end == publish_end::interrupted ? std::string("interrupted by ") + strsignal(noted_signal())
-                              : end == publish_end::changed   ? "other programs keep changing the files"
-                                                              : at.state.cause;
-    complain("%s", cause.c_str());
-    if (!at.state.has_begun) {
-        if (!at.copy.empty())
-            unlink(at.copy.c_str());
-        complain("nothing has been changed");
-        return untouched;
-    }
-    tell_in_place(at);
-    complain("what is missing comes with the next mboxfixctl apply");
-    log_line("%s: failed: %s", at.command.c_str(), cause.c_str());
-    log_to_system((at.command + ": failed: " + cause).c_str());
-    return failed;
 }
 
 publish_end publish_once(session &at, const changes &found, bool calls_virsetup)
@@ -199,31 +131,6 @@ publish_end stage_and_publish(session &at, const run_mode &mode, std::size_t dom
             end_on_signals();
     }
     return end;
-}
-
-void tell_done(const session &at)
-{
-    const text times = formatted("staged in %.1f s, published in %.1f s", at.stage_seconds, at.publish_seconds);
-    printf("%s\n", times.c_str());
-    if (!at.copy.empty())
-        printf("the former state is kept in %s; to put it back: mboxfixctl restore %s\n", at.copy.c_str(),
-               name_of(at.copy).c_str());
-    log_line("%s: done: %s%s%s", at.command.c_str(), times.c_str(), at.copy.empty() ? "" : ", the former state is in ",
-             at.copy.c_str());
-    log_to_system((at.command + ": done").c_str());
-}
-
-// Loads the configuration and takes the run's lock. False after a complaint.
-bool prepare(owned_fd &lock)
-{
-    check_result result{};
-    std::string holder;
-    if (!check_configuration(result))
-        return !complain_of(result);
-    if (take_run_lock(lock, holder))
-        return true;
-    complain("another run is at work: %s", holder.empty() ? "its process is not seen from here" : holder.c_str());
-    return false;
 }
 
 } // namespace
@@ -292,48 +199,5 @@ int apply_command(const run_mode &mode, bool is_agreed)
         return end_badly(at, publish_end::failed);
     }
     tell_done(at);
-    return done;
-}
-
-int restore_command(std::string copy)
-{
-    session at{};
-    owned_fd lock;
-    if (!prepare(lock))
-        return untouched;
-    publish_end end = publish_end::changed;
-    for (int turn = 0; turn < max_stages && end == publish_end::changed; ++turn) {
-        const instant start = std::chrono::steady_clock::now();
-        changes found{};
-        std::string cause;
-        note_lists(found);
-        owned_fd tree = open_copy(copy, cause);
-        at.command = "restore " + copy;
-        if (tree.get() < 0)
-            return give_up({cause});
-        if (!find_differences(std::move(tree), found))
-            return give_up({copy + " cannot be looked at"});
-        if (const std::vector<std::string> causes = find_obstacles(found); !causes.empty())
-            return give_up(causes);
-        at.stage_seconds = seconds_since(start);
-        note_signals();
-        const auto keep_none = [](std::string &) { return true; };
-        end = publish(found, is_list_changed(found.lists[recipients]), keep_none, at.state);
-        at.publish_seconds = seconds_since(start) - at.stage_seconds;
-        end_progress();
-        if (end == publish_end::changed && !at.state.has_begun)
-            end_on_signals();
-    }
-    if (end != publish_end::done)
-        return end_badly(at, end);
-    printf("%s is put back\n", copy.c_str());
-    tell_done(at);
-    return done;
-}
-
-int list_command()
-{
-    for (const std::string &name : list_copies())
-        printf("%s\n", name.c_str());
     return done;
 }

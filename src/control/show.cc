@@ -206,22 +206,19 @@ std::string summary_of(const stage &made, const changes &found)
     for (const change &entry : found.entries)
         ++counts[static_cast<int>(entry.what)];
     const auto count = [&counts](kind what) { return counts[static_cast<int>(what)]; };
-    std::string text = formatted("%zu domains, %zu mailboxes\n",
-                                 count_starting(found.lists[assign].after.value_or(""), '+'),
-                                 lines_of(found.lists[poppasswd].after.value_or("")).size())
-                           .c_str();
+    std::string text =
+        formatted("%zu domains, %zu mailboxes\n", count_starting(found.lists[assign].after.value_or(""), '+'),
+                  lines_of(found.lists[poppasswd].after.value_or("")).size())
+            .c_str();
     for (int number = 0; number < list_count; ++number)
         if (is_shown(number, found.lists[number]))
             text += summary_of_list(number, found.lists[number]);
     const struct {
         kind what;
         const char *name;
-    } rows[] = {{kind::new_directory, "new directories"},
-                {kind::new_file, "new files"},
-                {kind::content, "rewritten files"},
-                {kind::attributes, "owners and modes"},
-                {kind::removal, "removed files"},
-                {kind::loss, "would be lost"}};
+    } rows[] = {{kind::new_directory, "new directories"}, {kind::new_file, "new files"},
+                {kind::content, "rewritten files"},       {kind::attributes, "owners and modes"},
+                {kind::removal, "removed files"},         {kind::loss, "would be lost"}};
     for (const auto &row : rows)
         if (count(row.what) > 0)
             text += std::string(row.name) + ": " + std::to_string(count(row.what)) + "\n";
