@@ -1,5 +1,5 @@
 #!/bin/bash
-# Holds the manual page against the program: its options, files and exit statuses, and the page's own form.
+# Holds the manual pages against the programs: their options, files and exit statuses, and the page's own form.
 #
 #   manual.sh PROGRAM
 set -euo pipefail
@@ -33,6 +33,8 @@ for file in $(grep -ohE '"/(control|users|users\.conf)[a-z./-]*"|@mbox\.quota|\.
   tr -d '"' | sort -u); do
   grep -qF -e "$file" "$page" || fail "$file is not told"
 done
+diff <("$(dirname "$program")/mboxfixctl" --help | long_options) <(mandoc -T ascii doc/mboxfixctl.8 | col -b | long_options) >&2 ||
+  fail "mboxfixctl's options differ"
 for code in 0 1 127 255; do
   grep -qx "\.It $code" "$page" || fail "exit status $code is not told"
 done

@@ -240,8 +240,6 @@ void show_reports(const stage &made)
     for (const std::string_view line : lines_of(reports))
         if (!line.empty())
             printf("would report: %s\n", printable(std::string(line)).c_str());
-    if (made.status != 0)
-        printf("the run would end with exit status %d\n", made.status);
 }
 
 pager::pager(const std::string &command)

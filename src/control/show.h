@@ -16,7 +16,7 @@ std::string summary_of(const stage &made, const changes &found);
 // Every change: unified diffs, with the hashes masked, and a line for what has no text.
 void show_changes(const changes &found);
 
-// What the run reported, and how it ended, if that was a failure.
+// What the run reported.
 void show_reports(const stage &made);
 
 // Puts a pager behind standard output when that is a terminal; the destructor waits for it.
