@@ -2,6 +2,7 @@
 
 #include "control/stage.h"
 
+#include <deque>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
@@ -36,7 +37,7 @@ struct list_state {
 };
 
 struct changes {
-    std::vector<change> entries; // but for the lists, in the order of their paths
+    std::deque<change> entries; // but for the lists, in the order of their paths
     list_state lists[list_count];
     std::vector<owned_fd> layers; // by number
 };

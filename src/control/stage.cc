@@ -96,7 +96,7 @@ bool run_staged(stage &made, const std::string &program, const std::string &opti
         return false;
     made.dir = memory_dir();
     if (made.dir.get() < 0)
-        return give_up(made, "no file system in memory can be had for the stage");
+        return give_up(made, "no file system in memory can be had for the stage (plain mboxfix works without)");
     int ends[2];
     if (!make_layout(made) || pipe2(ends, O_CLOEXEC) != 0)
         return give_up(made, "the stage cannot be prepared");

@@ -200,7 +200,7 @@ wait_until() {
   changes
 }
 
-@test "qmail-newu, the restart or the spam filter fails" {
+@test "qmail-newu or the restart fails" {
   setup_panel
   for program in qmail-newu qmail; do
     echo 3 >/run/host/exit/$program
