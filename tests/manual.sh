@@ -17,7 +17,7 @@ long_options() {
   grep -o -e '--[a-z][a-z-]*' | sort -u
 }
 
-for file in "$page" doc/mboxfix-preview.8; do
+for file in doc/*.8; do
   # A page that is not installed yet can't be found by the other one.
   ! mandoc -T lint "$file" | grep -v 'referenced manual not found' >&2 || fail "mandoc warns of $file"
   warnings=$(LC_ALL=C.UTF-8 MANROFFSEQ='' man --warnings -E UTF-8 -l -Tutf8 "$file" 2>&1 >/dev/null)
