@@ -45,7 +45,7 @@ sql() {
 # Shows a command, what it said on standard error, what standard output has instead, the calls made, and its status.
 # The errno that the database's client library leaves behind is a matter of timing, and left out.
 session() {
-  local status=0
+  status=0
   : >/run/host/calls
   printf '$ %.200s\n' "${*//$'\n'/ }" >>$shown
   timeout 60 "$@" </dev/null >/run/out 2>/run/err 3>&- 4>&- || status=$?
