@@ -62,10 +62,11 @@ component() {
   cd /run
   session mboxfix --without-spam --daemon-mode
   waiter=$(wait_for_waiter)
+  session mboxfix --without-spam daemon-mode
   { readlink /proc/"$waiter"/{cwd,fd/0,fd/1,fd/2} && ls -A /var/qmail/users; } >>$shown
   [[ $(cut -d' ' -f6 /proc/"$waiter"/stat) == "$waiter" ]] || echo 'not a session of its own' >>$shown
   release
-  timeout 60 cat /run/done >>$shown
+  timeout 60 sh -c 'cat /run/done && cat /run/done' >>$shown
   tree
 }
 
@@ -73,11 +74,16 @@ component() {
   panel
   session bash -c 'mboxfix --without-spam <&- >&- 2>&-'
   tree /var/qmail/users
+  echo mail >$box/Maildir/new/1
   conf QMAIL_ROOT_D /run/none
   session bash -c 'exec 4> >(true); wait $!; mboxfix -v 2>&4 >&4; echo $?'
   conf QMAIL_ROOT_D /var/qmail
   session bash -c 'exec 4> >(true); wait $!; (ulimit -f 0; mboxfix --without-spam 2>&4 >&4); echo $?'
   tree
+  for files in {4..16}; do
+    (ulimit -n "$files" && exec mboxfix --without-spam >/run/out 2>&1) || true
+    [[ -s $box/Maildir/new/1 ]]
+  done
 }
 
 @test "the ground that cannot be prepared" {
@@ -202,6 +208,23 @@ component() {
   session mboxfix --without-spam
   echo NO_RESTART_DAEMON no >>/etc/vlq/vlq.conf
   session mboxfix --without-spam
+}
+
+@test "what its children inherit" {
+  panel
+  for program in $bin/virsetup $bin/spamsetup /var/qmail/bin/qmail-newu /etc/init.d/qmail; do
+    script $program '{ env | sort; sed -n "s/^\(Sig[BI].*:\).*\(.......\)$/\1 \2/p" /proc/self/status
+      ls -l /proc/self/fd | sed -n "s/.* \([0-9] ->.[^0-9]*\).*/\1/p"; } >>/run/host/calls'
+  done
+  session env -i --default-signal --ignore-signal=CHLD,PIPE,XFSZ PATH=/run:/bin:/usr/local/sbin LANG=C.UTF-8 TERM=dumb IFS=x \
+    mboxfix --with-spam
+}
+
+@test "a name that no query can hold" {
+  panel
+  sql "update domains set name = \"it's.example\""
+  session mboxfix --without-spam
+  tree
 }
 
 @test "a virsetup or a spamsetup that fails, and a mail name that is empty" {

@@ -70,6 +70,26 @@ make_healthy() {
     'ln -s /var/disk/victims/dir @' "mkdir -p /var/disk/his; chown popuser /var/disk/his; as_popuser 'ln -s /var/disk/his @'"; do
     plant root "$what" "${places[@]}"
   done
+  mkdir /var/disk/ro
+  chown popuser /var/disk/ro
+  mount --bind /var/disk/ro /var/disk/ro
+  mount -o remount,bind,ro /var/disk/ro
+  plant popuser 'ln -s /var/disk/ro @' "${places[@]}"
+  umount /var/disk/ro
+}
+
+@test "a file that somebody else holds, or puts back as often as it is taken away" {
+  make_healthy
+  for operation in add_mailbox add_autoresponder; do
+    setup_victims
+    as_popuser "exec perl -e '\$SIG{IO} = \"IGNORE\"; open F, \">>$box/.qmail\"; fcntl F, 1024, 1 or die; sleep 600'" 3>&- &
+    until grep -q LEASE /proc/locks; do sleep 0.01; done
+    session operate $operation m d.example
+    kill -KILL $!
+    session strace -qq -o /dev/null -e trace=unlinkat -e inject=unlinkat:retval=0 \
+      sh -c "rm $box/.qmail; mkfifo $box/.qmail; exec operate $operation m d.example"
+    tree $box
+  done
 }
 
 @test "an antivirus directory, and lock files, of somebody else's" {
@@ -80,6 +100,9 @@ make_healthy() {
       plant root "chown 0:0 /etc/drweb; chmod 1777 /etc/drweb; $what" $place
     done
   done
+  plant root 'truncate -s 1073741825 @' /etc/drweb/users.conf.in
+  plant root 'chgrp staff /var/qmail/users; chmod 2775 /var/qmail/users; echo his >@; chown 7:8 @; chmod 666 @' \
+    /var/qmail/users/poppasswd
   lock=$locks/$(printf %s /var/qmail/control/rcpthosts | md5sum | cut -c-32)
   chown 7:8 $locks
   for what in "ln -s $victims/file @" 'mkfifo @' 'echo kept >@; chown 9:9 @' ':'; do
