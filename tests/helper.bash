@@ -56,6 +56,24 @@ session() {
   ((status == 0)) || echo "[$status]" >>$shown
 }
 
+# After each of some steps, a run.
+runs() {
+  local step
+  for step; do
+    eval "$step"
+    session mboxfix "${option:---without-spam}"
+  done
+}
+
+# Operations, each with its arguments.
+operations() {
+  local words
+  for words; do
+    # shellcheck disable=SC2086
+    session operate $words
+  done
+}
+
 # The entries below some paths, and each file's lines: shown, or what has changed since `remember`.
 list() {
   find "$@" ! -path '*/bin*' -printf '%p %y %U:%G %m %l\n' | sort |
@@ -99,7 +117,7 @@ wait_for_waiter() {
   awk '$2 == "->" { print $6 }' /proc/locks
 }
 
-# A file of the host's own: conf KEY VALUE sets a key, script PATH LINES makes a program that notes its calls.
+# The host's own files: conf KEY VALUE sets a key, script PATH LINES makes a program that notes its calls.
 conf() {
   sed -i "s,^$1 .*,$1 $2," /etc/vlq/vlq.conf
 }

@@ -65,10 +65,7 @@ edit() {
   limit=(setpriv --bounding-set=-chown)
   edit : $remove 0 f none
   truncate -s 1073741825 f # is more than is edited
-  for action in "$remove 0" "$matching 0" "$add 0" "$add 1"; do
-    # shellcheck disable=SC2086
-    session operate file_str $action f a
-  done
+  operations "file_str "{$remove\ 0,$matching\ 0,$add\ 0,$add\ 1}" f a"
   stat -c '%s %n' * >>$shown
   rm -r /run/work
 }
@@ -80,10 +77,7 @@ edit() {
 }
 
 @test "a lock is named after the path text, and is not a child's" {
-  session operate lock f
-  session operate lock ./f
-  session operate lock "$(printf %04095d 1)"
-  session operate lock "$(printf %04096d 1)"
+  operations "lock "{f,./f,"$(printf %04095d 1)","$(printf %04096d 1)"}
   rmdir $locks 2>/dev/null || rm -r $locks
   session operate lock f
 }

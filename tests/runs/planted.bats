@@ -16,8 +16,9 @@ describe() {
   find $victims -printf '%p %y %U:%G %m %s %T@\n' | sort
 }
 
+popuser=(setpriv --reuid=popuser --regid=popuser --clear-groups bash -c)
 as_popuser() {
-  setpriv --reuid=popuser --regid=popuser --clear-groups bash -c "$1"
+  "${popuser[@]}" "$1"
 }
 
 # Plants something in some places: `popuser` as himself, `root` where the kernel keeps him from it. A run that one of
@@ -82,10 +83,11 @@ make_healthy() {
   make_healthy
   for operation in add_mailbox add_autoresponder; do
     setup_victims
-    as_popuser "exec perl -e '\$SIG{IO} = \"IGNORE\"; open F, \">>$box/.qmail\"; fcntl F, 1024, 1 or die; sleep 600'" 3>&- &
+    "${popuser[@]}" "exec perl -e '\$SIG{IO} = \"IGNORE\"; open F, \">>$box/.qmail\"; fcntl F, 1024, 1 or die; sleep 600'" 3>&- &
     until grep -q LEASE /proc/locks; do sleep 0.01; done
     session operate $operation m d.example
     kill -KILL $!
+    wait $! || true
     session strace -qq -o /dev/null -e trace=unlinkat -e inject=unlinkat:retval=0 \
       sh -c "rm $box/.qmail; mkfifo $box/.qmail; exec operate $operation m d.example"
     tree $box
@@ -145,7 +147,7 @@ make_healthy() {
 @test "a mailbox and a link change places while runs go on" {
   make_healthy
   setup_victims
-  as_popuser "cd ${box%/*}; while :; do mv m real; ln -s $victims/dir m; rm m; mv real m; done" 2>/dev/null 3>&- &
+  "${popuser[@]}" "cd ${box%/*}; while :; do mv m real; ln -s $victims/dir m; rm m; mv real m; done" 2>/dev/null 3>&- &
   racers=($!)
   bash -c "cd ${box%/*}; while :; do ln $victims/tool a; mv -f a .qmail-default; cp -p .qmail-own b; mv -f b .qmail-default; done" \
     2>/dev/null 3>&- &

@@ -94,7 +94,6 @@ after() {
   done
   sql 'update misc set val = "/usr/local/cf"'
   for words in 'coldfusion restart' 'jrun start' 'coldfusion status'; do
-    # shellcheck disable=SC2086
     control 'touch /run/up' $words
   done
   control "touch /run/up; script /usr/local/cf/bin/jrun 'exit 1'" jrun stop
