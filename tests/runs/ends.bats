@@ -186,6 +186,9 @@ away() {
   session mboxfix --spam-only
   option=--with-spam runs : "sql 'delete from mail where mail_name = \"\"'; echo 3 >/run/host/exit/spamsetup
     script $bin/virsetup 'echo told; echo why >&2; exit 3'" "rm $bin/* /usr/local/vlq/admin/sbin/spamsetup"
+  session operate spam_apply_settings m@d.example
+  touch /usr/local/vlq/admin/sbin/spamsetup
+  session operate spam_apply_settings ''
 }
 
 @test "logins without their domain, and a connection for each lookup" {

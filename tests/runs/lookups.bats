@@ -45,7 +45,8 @@ instead() {
   done
   instead 'SET NAMES binary' 'select 1 from nothing'
   sql 'drop table misc'
-  session operate connect
+  NO_MEMORY=1 operations connect
+  operations connect
 }
 
 @test "a key has what its line gives it" {
