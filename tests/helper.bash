@@ -49,7 +49,7 @@ session() {
   : >/run/host/calls
   printf '$ %.200s\n' "${*//$'\n'/ }" >>$shown
   timeout 60 "$@" </dev/null >/run/out 2>/run/err 3>&- 4>&- || status=$?
-  perl -0pi -e "s/^(.*(?:Table '|Unknown column|Components|[Pp]ackage|atabase|DB error|admin email|not found in DB).*\n)\n?System error .*\n/\$1/mg;
+  perl -0pi -e "s/^(.*(?:Table '|Unknown column|Components|passed over|[Pp]ackage|atabase|DB error|admin email|not found in DB).*\n)\n?System error .*\n/\$1/mg;
     s/^(.*\n)\n?System error (11|95): .*\n/\$1/mg; s/^(operate|mboxfix): src.*Assertion.*/an assertion fails/mg" /run/out /run/err
   { cat /run/err && diff /run/err /run/out | grep '^[<>]'; } >>$shown || true
   sed 's/^/call: /' /run/host/calls >>$shown

@@ -41,6 +41,7 @@ edit() {
   edit "rmdir $locks; mkdir -p $locks/$(printf f | md5sum | cut -c-32)" "$add 1"
   edit 'mv f file; ln -s file/f f' "$add 1"
   ways=("$remove 0" "$matching 0" "$add 0")
+  edit : "$remove 0 none/f" "$matching 0 none/f" "$add 0 none/f" "$add 1 none/f"
   edit 'rm f' "${ways[@]}"
   edit 'rm f; mkdir f' "${ways[@]}" "$add 1"
   edit 'rm f; mkdir f f.tmp' "${ways[@]}"
