@@ -45,15 +45,33 @@ sql() {
 # Shows a command, what it said on standard error, what standard output has instead, the calls made, and its status.
 # The errno that the database's client library leaves behind is a matter of timing, and left out.
 session() {
-  local status=0
+  status=0
   : >/run/host/calls
   printf '$ %.200s\n' "${*//$'\n'/ }" >>$shown
   timeout 60 "$@" </dev/null >/run/out 2>/run/err 3>&- 4>&- || status=$?
-  perl -0pi -e "s/^(.*(?:Table '|Unknown column|Components|[Pp]ackage|atabase|DB error|admin email|not found in DB).*\n)\n?System error .*\n/\$1/mg;
-    s/^(.*\n)\n?System error (11|95): .*\n/\$1/mg; s/^operate: src.*Assertion.*/an assertion fails/mg" /run/out /run/err
+  perl -0pi -e "s/^(.*(?:Table '|Unknown column|Components|passed over|[Pp]ackage|atabase|DB error|admin email|not found in DB).*\n)\n?System error .*\n/\$1/mg;
+    s/^(.*\n)\n?System error (11|95): .*\n/\$1/mg; s/^(operate|mboxfix): src.*Assertion.*/an assertion fails/mg" /run/out /run/err
   { cat /run/err && diff /run/err /run/out | grep '^[<>]'; } >>$shown || true
   sed 's/^/call: /' /run/host/calls >>$shown
   ((status == 0)) || echo "[$status]" >>$shown
+}
+
+# After each of some steps, a run.
+runs() {
+  local step
+  for step; do
+    eval "$step"
+    session mboxfix "${option:---without-spam}"
+  done
+}
+
+# Operations, each with its arguments.
+operations() {
+  local words
+  for words; do
+    # shellcheck disable=SC2086
+    session operate $words
+  done
 }
 
 # The entries below some paths, and each file's lines: shown, or what has changed since `remember`.
@@ -99,7 +117,7 @@ wait_for_waiter() {
   awk '$2 == "->" { print $6 }' /proc/locks
 }
 
-# A file of the host's own: conf KEY VALUE sets a key, script PATH LINES makes a program that notes its calls.
+# The host's own files: conf KEY VALUE sets a key, script PATH LINES makes a program that notes its calls.
 conf() {
   sed -i "s,^$1 .*,$1 $2," /etc/vlq/vlq.conf
 }

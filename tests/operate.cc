@@ -53,6 +53,12 @@ extern "C" int STDCALL mysql_query(MYSQL *db, const char *query)
     return send(db, replaced && last_query == replaced ? getenv("INSTEAD") : query);
 }
 
+extern "C" MYSQL *STDCALL mysql_init(MYSQL *db)
+{
+    static const auto make = reinterpret_cast<MYSQL *(*)(MYSQL *)>(dlsym(RTLD_NEXT, "mysql_init"));
+    return getenv("NO_MEMORY") ? nullptr : make(db);
+}
+
 namespace {
 
 std::string shown(const char *text)

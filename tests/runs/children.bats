@@ -11,10 +11,7 @@ load ../helper
     [[ ! -e /run/daemon ]] || kill "$(</run/daemon)"
     rm -f /run/daemon
   done
-  session operate util_execv tool a
-  session operate util_execv no/tool a
-  session operate util_exec ../bin/tool
-  session operate util_exec none
+  operations 'util_execv tool a' 'util_execv no/tool a' 'util_exec ../bin/tool' 'util_exec none'
 }
 
 @test "a quiet program says nothing" {
@@ -49,8 +46,7 @@ ended() {
     start mark-se "$name"
     start mark-send2 mark-send2
     start xmark-se xmark-se
-    session operate is_process_running mark-se
-    session operate kill_by_name mark-se 1
+    operations 'is_process_running mark-se' 'kill_by_name mark-se 1'
     ended
   done
   session operate is_process_running mark-se
@@ -61,8 +57,7 @@ ended() {
   start mark.b1 a
   start xmark.b a
   start mark.c mark.b
-  session operate kill_by_field comm mark.b 0
-  session operate kill_by_field comm mark.b 1
+  operations 'kill_by_field comm mark.b 0' 'kill_by_field comm mark.b 1'
   ended
   session operate kill_by_field comm=mark.heading mark.heading 0
   ps_says() {
@@ -84,12 +79,7 @@ ended() {
   ln -s ../../victim tree/sub/link
   mkfifo tree/pipe
   touch tree/sub/.deep/file tree/file
-  session operate remove_tree tree/none 1
-  session operate remove_tree no/none 1
-  session operate remove_tree tree/file/none 1
-  session operate remove_tree tree/link 1
-  session operate remove_tree tree/file 0
-  session operate remove_tree tree/sub 0
+  operations 'remove_tree '{tree,no,tree/file}'/none 1' 'remove_tree tree/link 1' 'remove_tree tree/'{file,sub}' 0'
   tree tree victim
   mount --bind tree/busy tree/busy
   session operate remove_tree tree 1
@@ -111,10 +101,7 @@ ended() {
   ln -s /run/work/victim /var/www/vhosts/__deletedlink
   ln -s none /var/www/vhosts/dangling
   touch /var/www/vhosts/__deletedfile
-  session operate deferred_remove victim
-  session operate deferred_remove $boxes
-  session operate deferred_remove $boxes/none
-  session operate deferred_remove $boxes/d
+  operations "deferred_remove "{victim,$boxes,$boxes/none,$boxes/d}
   tree $boxes
   session operate purge_deferred_dirs
   tree $boxes /var/www/vhosts victim

@@ -1,14 +1,8 @@
 load ../helper
 
 away() {
-  sql "rename table $1 to away"
-  session mboxfix "${2:---without-spam}"
+  option=${2-} runs "sql 'rename table $1 to away'"
   sql "rename table away to $1"
-}
-
-component() {
-  sql "delete from Components; insert Components (name, version) values $1"
-  session mboxfix --with-spam
 }
 
 @test "options are taken whole, and everything else gets the usage" {
@@ -62,10 +56,11 @@ component() {
   cd /run
   session mboxfix --without-spam --daemon-mode
   waiter=$(wait_for_waiter)
+  session mboxfix --without-spam daemon-mode
   { readlink /proc/"$waiter"/{cwd,fd/0,fd/1,fd/2} && ls -A /var/qmail/users; } >>$shown
   [[ $(cut -d' ' -f6 /proc/"$waiter"/stat) == "$waiter" ]] || echo 'not a session of its own' >>$shown
   release
-  timeout 60 cat /run/done >>$shown
+  timeout 60 sh -c 'cat /run/done && cat /run/done' >>$shown
   tree
 }
 
@@ -73,32 +68,24 @@ component() {
   panel
   session bash -c 'mboxfix --without-spam <&- >&- 2>&-'
   tree /var/qmail/users
+  echo mail >$box/Maildir/new/1
   conf QMAIL_ROOT_D /run/none
   session bash -c 'exec 4> >(true); wait $!; mboxfix -v 2>&4 >&4; echo $?'
   conf QMAIL_ROOT_D /var/qmail
   session bash -c 'exec 4> >(true); wait $!; (ulimit -f 0; mboxfix --without-spam 2>&4 >&4); echo $?'
   tree
+  for files in {4..16}; do
+    (ulimit -n "$files" && exec mboxfix --without-spam >/run/out 2>&1) || true
+    [[ -s $box/Maildir/new/1 ]]
+  done
 }
 
 @test "the ground that cannot be prepared" {
   panel
-  conf QMAIL_ROOT_D /run/none
-  session mboxfix -v
-  conf QMAIL_ROOT_D /var/qmail
-  for path in /dev/null/no /proc/no/no /proc/sys /proc/1/task; do
-    conf QMAIL_MAILNAMES_D $path
-    session mboxfix -v
-  done
-  conf QMAIL_MAILNAMES_D $boxes
-  touch $boxes
-  session mboxfix -v
+  option=-v runs 'conf QMAIL_ROOT_D /run/none' "conf QMAIL_ROOT_D /var/qmail; conf QMAIL_MAILNAMES_D /dev/null/no" \
+    'conf QMAIL_MAILNAMES_D /proc/'{no/no,sys,1/task} "conf QMAIL_MAILNAMES_D $boxes; touch $boxes"
   tree
-  rm -r $boxes /var/qmail/control
-  session mboxfix --without-spam
-  sed -i '/^qmails:/d' /etc/passwd
-  session mboxfix --without-spam
-  sed -i '/^popuser:/d' /etc/passwd
-  session mboxfix --without-spam
+  runs "rm -r $boxes /var/qmail/control" 'sed -i /^qmails:/d /etc/passwd' 'sed -i /^popuser:/d /etc/passwd'
   tree /var/qmail/users $boxes
 }
 
@@ -120,22 +107,14 @@ component() {
   panel
   long=$(printf '%098d' 7)
   sql "set password for admin@localhost = password('$long')"
-  printf %s "$long" >/etc/vlq/.vlq.shadow
-  session mboxfix --spam-only
-  printf '%s\nmore\n' "$long" >/etc/vlq/.vlq.shadow
-  session mboxfix --spam-only
-  printf '%sx\n' "$long" >/etc/vlq/.vlq.shadow
-  session mboxfix --spam-only
+  option=--spam-only
+  runs 'printf %s "$long" >/etc/vlq/.vlq.shadow' 'printf "%s\nmore\n" "$long" >/etc/vlq/.vlq.shadow' \
+    'printf "%sx\n" "$long" >/etc/vlq/.vlq.shadow'
   sql "set password for admin@localhost = password('${long}9')"
-  printf '%s9 and the rest\n' "$long" >/etc/vlq/.vlq.shadow
-  session mboxfix --spam-only
+  runs 'printf "%s9 and the rest\n" "$long" >/etc/vlq/.vlq.shadow'
   sql "set password for admin@localhost = password('')"
-  echo >/etc/vlq/.vlq.shadow
-  session mboxfix --spam-only
-  : >/etc/vlq/.vlq.shadow
-  session mboxfix -v
-  rm /etc/vlq/.vlq.shadow
-  session mboxfix -v
+  runs 'echo >/etc/vlq/.vlq.shadow'
+  option=-v runs ': >/etc/vlq/.vlq.shadow' 'rm /etc/vlq/.vlq.shadow'
   sql "set password for admin@localhost = password('$(</run/former/etc/vlq/.vlq.shadow)')"
 }
 
@@ -145,14 +124,12 @@ component() {
     away $table
   done
   sql 'insert Parameters values (1, "nonexist_mail", "catch"); update DomainServices set parameters_id = 1'
-  away clients
-  away spamfilter -v
-  away spamfilter_preferences -v
-  away domains --spam-only
-  away mail --spam-only
-  sql 'update Parameters set value = "reject" where id = 1; rename table mail_aliases to away'
-  session mboxfix --without-spam
-  sql 'rename table away to mail_aliases'
+  for words in clients 'spamfilter -v' 'spamfilter_preferences -v' 'domains --spam-only' 'mail --spam-only'; do
+    # shellcheck disable=SC2086
+    away $words
+  done
+  sql 'update Parameters set value = "reject" where id = 1'
+  away mail_aliases
   cat /etc/drweb/users.conf >>$shown
 }
 
@@ -160,8 +137,7 @@ component() {
   panel
   for column in mail.virusfilter domainaliases.status mail_aliases.mn_id domainaliases.dom_id; do
     # A column that a query of the list alone has: the earlier rules stay, and the engine isn't told.
-    sql "create view v as select 1; drop view v; alter table ${column%.*} rename column ${column#*.} to gone"
-    session mboxfix --without-spam
+    runs "sql 'alter table ${column%.*} rename column ${column#*.} to gone'"
     sql "alter table ${column%.*} rename column gone to ${column#*.}"
     cat /etc/drweb/users.conf >>$shown
   done
@@ -169,52 +145,50 @@ component() {
 
 @test "components there and not, doubled and without a version" {
   panel
-  component "('drweb', 'not_installed'), ('vlq-spamassassin', '')"
-  component "('drweb', '1'), ('drweb-qmail', 'not_installed'), ('vlq-spamassassin', 'not_installed')"
-  component "('drweb', ''), ('drweb-qmail', 'not_installed_'), ('vlq-spamassassin', 'Not_installed')"
-  component "('drweb', '1')"
-  component "('drweb', null)"
-  component "('drweb', 'not_installed'), ('drweb', 'not_installed')"
-  component "('drweb', 'not_installed')"
-  component "('Drweb', '1'), ('vlq-spamassassin', '1')"
+  option=--with-spam
+  for rows in "('drweb', 'not_installed'), ('vlq-spamassassin', '')" \
+    "('drweb', '1'), ('drweb-qmail', 'not_installed'), ('vlq-spamassassin', 'not_installed')" \
+    "('drweb', ''), ('drweb-qmail', 'not_installed_'), ('vlq-spamassassin', 'Not_installed')" "('drweb', '1')" \
+    "('drweb', null)" "('drweb', 'not_installed'), ('drweb', 'not_installed')" "('drweb', 'not_installed')" \
+    "('Drweb', '1'), ('vlq-spamassassin', '1')"; do
+    runs 'sql "delete from Components; insert Components (name, version) values $rows"'
+  done
 }
 
 @test "the finishing step" {
   panel
-  newu=/var/qmail/bin/qmail-newu qmail=/etc/init.d/qmail
-  for status in 1 6 255; do
-    echo $status >/run/host/exit/qmail-newu
-    session mboxfix --without-spam
+  newu=/var/qmail/bin/qmail-newu qmail=/etc/init.d/qmail exits=/run/host/exit
+  runs "echo 1 >$exits/qmail-newu" "echo 6 >$exits/qmail-newu" "echo 255 >$exits/qmail-newu" "echo 3 >$exits/qmail" \
+    "rm $exits/*; echo 4 >$exits/qmail" "rm $exits/*; script $newu 'kill -TERM \$\$'" "rm $newu" "chmod 644 $qmail" \
+    'echo NO_RESTART_DAEMON >>/etc/vlq/vlq.conf' 'echo NO_RESTART_DAEMON no >>/etc/vlq/vlq.conf'
+}
+
+@test "what its children inherit" {
+  panel
+  for program in $bin/virsetup $bin/spamsetup /var/qmail/bin/qmail-newu /etc/init.d/qmail; do
+    script $program '{ env | sort; sed -n "s/^\(Sig[BI].*:\).*\(.......\)$/\1 \2/p" /proc/self/status
+      ls -l /proc/self/fd | sed -n "s/.* \([0-9] ->.[^0-9]*\).*/\1/p"; } >>/run/host/calls'
   done
-  echo 3 >/run/host/exit/qmail
+  session env -i --default-signal --ignore-signal=CHLD,PIPE,XFSZ PATH=/run:/bin:/usr/local/sbin LANG=C.UTF-8 TERM=dumb IFS=x \
+    mboxfix --with-spam
+}
+
+@test "a name that no query can hold" {
+  panel
+  sql "update domains set name = \"it's.example\""
   session mboxfix --without-spam
-  rm /run/host/exit/*
-  echo 4 >/run/host/exit/qmail
-  session mboxfix --without-spam
-  rm /run/host/exit/*
-  script $newu 'kill -TERM $$'
-  session mboxfix --without-spam
-  rm $newu
-  session mboxfix --without-spam
-  chmod 644 $qmail
-  session mboxfix --without-spam
-  echo NO_RESTART_DAEMON >>/etc/vlq/vlq.conf
-  session mboxfix --without-spam
-  echo NO_RESTART_DAEMON no >>/etc/vlq/vlq.conf
-  session mboxfix --without-spam
+  tree
 }
 
 @test "a virsetup or a spamsetup that fails, and a mail name that is empty" {
   panel
   sql 'insert mail (mail_name, dom_id) values ("", 7)'
-  session mboxfix --with-spam
   session mboxfix --spam-only
-  sql 'delete from mail where mail_name = ""'
-  script $bin/virsetup 'echo told; echo why >&2; exit 3'
-  echo 3 >/run/host/exit/spamsetup
-  session mboxfix --with-spam
-  rm $bin/* /usr/local/vlq/admin/sbin/spamsetup
-  session mboxfix --with-spam
+  option=--with-spam runs : "sql 'delete from mail where mail_name = \"\"'; echo 3 >/run/host/exit/spamsetup
+    script $bin/virsetup 'echo told; echo why >&2; exit 3'" "rm $bin/* /usr/local/vlq/admin/sbin/spamsetup"
+  session operate spam_apply_settings m@d.example
+  touch /usr/local/vlq/admin/sbin/spamsetup
+  session operate spam_apply_settings ''
 }
 
 @test "logins without their domain, and a connection for each lookup" {
@@ -225,8 +199,7 @@ component() {
   echo "connections: $(($(sql "show global status like 'Connections'" | cut -f2) - $(cut -f2 /run/connections) - 1))" >>$shown
   tree /var/qmail/users
   for value in disable disabled Disabled disabled-; do
-    sql "update misc set val = '$value'"
-    session mboxfix --without-spam
+    runs "sql 'update misc set val = \"$value\"'"
     cut -d: -f1 /var/qmail/users/poppasswd >>$shown
   done
 }

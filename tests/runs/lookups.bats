@@ -2,8 +2,11 @@ load ../helper
 
 # Asks on a connection of its own, then on one that is lent.
 ask() {
-  session operate "$@"
-  LENT=1 session operate "$@"
+  local words
+  for words; do
+    operations "$words"
+    LENT=1 operations "$words"
+  done
 }
 
 instead() {
@@ -18,38 +21,15 @@ instead() {
     insert domains (id, name, cl_id, limits_id) values (1, 'a.test', 1, 1), (2, 'bücher.test', 2, 2), (3, 'xn--tda.test', 3, 2);
     insert DomainServices (dom_id, type, parameters_id) values (1, 'mail', 1), (1, 'web', 2), (2, 'mail', null);
     insert Components (name, version) values ('old', 'not_installed'), ('quo''te', '')"
-  for name in kept absent null "it's"; do
-    ask get_misc_param "$name"
-  done
-  for id in 1 2 3 "'"; do
-    ask get_dom_Limit "$id" mbox_quota
-    ask get_client_email "$id"
-  done
-  ask get_dom_Limit 1 '"'
-  ask get_DomainService_Parameter 1 web key
-  ask get_DomainService_Parameter 1 mail long
-  ask get_DomainService_Parameter 2 mail key
-  ask get_DomainService_Parameter 1 mail '\'
-  ask get_DomainService_Parameter '\' mail key
-  ask get_DomainService_Parameter 1 '\' key
-  for name in a.test bücher.test xn--bcher-kva.test ü.test no.test "a'"; do
-    ask get_dom_id "$name"
-  done
-  for name in old "quo'te" "ab'sent"; do
-    ask is_component_installed "$name"
-  done
+  ask "get_misc_param "{kept,absent,null,"it's"} "get_dom_Limit "{1,2,3,"'"}' mbox_quota' "get_client_email "{1,2,3,"'"} \
+    'get_dom_Limit 1 "' 'get_DomainService_Parameter '{'1 web key','1 mail long','2 mail key','1 mail \','\ mail key','1 \ key'} \
+    'get_dom_id '{a.test,bücher.test,xn--bcher-kva.test,ü.test,no.test,"a'"} 'is_component_installed '{old,"quo'te","ab'sent"}
   sql 'delete from misc; rename table Limits to a, Parameters to b'
-  ask get_client_email 2
-  ask get_dom_Limit 1 mbox_quota
-  ask get_DomainService_Parameter 1 mail key
+  ask 'get_client_email 2' 'get_dom_Limit 1 mbox_quota' 'get_DomainService_Parameter 1 mail key'
   sql 'rename table clients to c, domains to d'
-  ask get_client_email 1
-  ask get_dom_id a.test
+  ask 'get_client_email 1' 'get_dom_id a.test'
   rm /etc/vlq/.vlq.shadow
-  for words in 'get_misc_param x' 'get_dom_Limit 1 x' 'get_client_email 1' 'is_component_installed x' 'get_dom_id x'; do
-    # shellcheck disable=SC2086
-    session operate $words
-  done
+  operations 'get_misc_param x' 'get_dom_Limit 1 x' 'get_client_email 1' 'is_component_installed x' 'get_dom_id x'
 }
 
 @test "a connection is prepared for its server" {
@@ -65,7 +45,8 @@ instead() {
   done
   instead 'SET NAMES binary' 'select 1 from nothing'
   sql 'drop table misc'
-  session operate connect
+  NO_MEMORY=1 operations connect
+  operations connect
 }
 
 @test "a key has what its line gives it" {
@@ -84,13 +65,8 @@ instead() {
     session operate idn_toascii_safe "$name"
     session operate idn_email_toascii "ü@$name"
   done
-  session operate idn_email_toascii a@ü@example
-  session operate idn_email_toascii ü.example
-  session operate idn_email_toascii_safe ü.example
-  session operate idn_email_toascii_safe ü@xn--ü
-  for code in {0..10} 42 200 201 202; do
-    session operate idn_error_text "$code"
-  done
+  operations idn_email_toascii\ {a@ü@example,ü.example} idn_email_toascii_safe\ ü{.example,@xn--ü} \
+    idn_error_text\ {{0..10},42,200,201,202}
 }
 
 @test "reports go to both streams, whole, with the errno of the moment" {
@@ -98,13 +74,7 @@ instead() {
   session operate report ./mboxfix 2 0 $'told\n' 0
   session operate report mboxfix 2 7 '' 0
   session operate report '' 13 0 told 0
-  for name in / /usr/sbin/ //a// .; do
-    session operate report $name 0 0 told 0
-  done
-  for length in 4094 4095 4096 4097 9000; do
-    session operate report m 0 0 end $length
-    session operate report m 2 1 end $length
-  done
+  operations 'report '{/,/usr/sbin/,//a//,.}' 0 0 told 0' 'report m '{0\ 0,2\ 1}' end '{4094,4095,4096,4097,9000}
   session sh -c 'operate report m 0 0 told 0 >/dev/full'
 }
 
@@ -113,23 +83,8 @@ instead() {
   mkdir -p old from d/e d/to d2
   ln -s d/e link
   umask 077
-  session operate make_dir /run/dirs/new
-  session operate make_dir /run/dirs/old
-  session operate make_dir none/d
-  session operate make_dir /proc/sys
-  session operate make_dir /proc/1/task
-  for path in link none /proc/sys /proc/1/task d2; do
-    session operate set_owner_mode $path
-  done
-  session operate rename_dir from d/moved
-  session operate rename_dir none d
-  session operate rename_dir d d/new
-  session operate rename_dir d old
-  for pair in 'd/to/../to ./d/' 'd d' 'd2 d' 'd /' 'link d' 'd/e link' 'd/none d' 'd/e none'; do
-    # shellcheck disable=SC2086
-    session operate is_inside_dir $pair
-  done
-  session operate random_salt 1
-  session operate random_salt 2
+  operations make_dir\ {/run/dirs/new,/run/dirs/old,none/d,/proc/sys,/proc/1/task} \
+    set_owner_mode\ {link,none,/proc/sys,/proc/1/task,d2} 'rename_dir '{'from d/moved','none d','d d/new','d old'} \
+    'is_inside_dir '{'d/to/../to ./d/','d d','d2 d','d /','link d','d/e link','d/none d','d/e none'} random_salt\ {1,2}
   tree /run/dirs
 }

@@ -16,26 +16,41 @@ describe() {
   find $victims -printf '%p %y %U:%G %m %s %T@\n' | sort
 }
 
+popuser=(setpriv --reuid=popuser --regid=popuser --clear-groups bash -c)
 as_popuser() {
-  setpriv --reuid=popuser --regid=popuser --clear-groups bash -c "$1"
+  "${popuser[@]}" "$1"
 }
 
-# Plants something in a place: `popuser` as himself, `root` where the kernel keeps him from it.
+# Plants something in some places: `popuser` as himself, `root` where the kernel keeps him from it. A run that one of
+# them ends (the one in the domain that it came to last) is begun again without that one.
 plant() {
-  local who=$1 place=$2 what=$3
+  local who=$1 what=$2 place all='' left
+  shift 2
   setup_victims
-  printf '# %s: %s %s\n' "$place" "$who" "$what" >>$shown
-  what="rm -rf $place; ${what//@/$place}"
-  if [[ $who == popuser ]]; then as_popuser "$what"; else eval "$what"; fi
+  for place; do
+    all+="rm -rf $place; ${what//@/$place};"
+  done
+  printf '# %s %s\n' "$who" "$what" >>$shown
+  if [[ $who == popuser ]]; then as_popuser "$all"; else eval "$all"; fi
   describe >/run/before
-  session mboxfix --without-spam
-  sed -i '/^\$ mboxfix\|^call: /d; /^$/d; /^System error/d' $shown
+  for place; do
+    session mboxfix --without-spam
+    sed -i '/^\$ mboxfix\|^call: /d; /^$/d; /^System error/d' $shown
+    ((status == 1 && $# > 1)) || break
+    rm -rf $boxes/"$(tail -n 1 /var/qmail/control/rcpthosts)"
+  done
   describe | diff /run/before - | sed 's/^/VICTIM: /' >>$shown || true
-  find "$place" -maxdepth 0 -printf 'now: %y %U:%G %m %l\n' >>$shown 2>&1 || true
+  find "$@" -maxdepth 0 -printf '%p: %y %U:%G %m %l\n' 2>&1 | sed '/No such file/d' >>$shown
 }
 
+# The panel with so many further domains of the same kind, rebuilt.
 make_healthy() {
   panel
+  sql "insert domains (id, name, cl_id, limits_id) select 10 + seq, concat('d', seq, '.example'), 1, 1 from seq_1_to_9 limit ${1-0};
+    insert DomainServices (dom_id, type, status) select id, 'mail', 0 from domains where id > 10;
+    insert mail (id, mail_name, dom_id, account_id, postbox, mbox_quota, redirect, redir_addr, mail_group, autoresponder)
+      select id, 'm', id, 1, 'true', '2048', 'true', 'x@far.example', 'true', 'true' from domains where id > 10;
+    insert mail_redir (mn_id, address) select id, 'y@far.example' from domains where id > 10"
   mkdir -p $victims
   mboxfix --without-spam
   rm -rf /run/healthy
@@ -44,21 +59,38 @@ make_healthy() {
 }
 
 @test "what popuser can plant in his directories" {
+  local places=() place
+  for place in m/{.qmail.tmp,@mbox.quota,Maildir/tmp,@attachments,.qmail,Maildir} m .qmail-default @mbox.quota; do
+    places+=("$boxes/d$((${#places[@]} + 1)).example/$place")
+  done
+  make_healthy 9
+  for what in 'ln -s /var/disk/victims/'{file,dir,dir/none}' @' 'mkfifo @; chmod 666 @' 'echo "./Maildir/" >@; chmod 640 @'; do
+    plant popuser "$what" "${places[@]}"
+  done
+  for what in 'ln /var/disk/victims/file @' 'ln -P /var/disk/victims/link @' 'echo restored >@' 'mknod @ c 1 7' 'mkdir @; echo restored >@/file' \
+    'ln -s /var/disk/victims/dir @' "mkdir -p /var/disk/his; chown popuser /var/disk/his; as_popuser 'ln -s /var/disk/his @'"; do
+    plant root "$what" "${places[@]}"
+  done
+  mkdir /var/disk/ro
+  chown popuser /var/disk/ro
+  mount --bind /var/disk/ro /var/disk/ro
+  mount -o remount,bind,ro /var/disk/ro
+  plant popuser 'ln -s /var/disk/ro @' "${places[@]}"
+  umount /var/disk/ro
+}
+
+@test "a file that somebody else holds, or puts back as often as it is taken away" {
   make_healthy
-  for place in $box/{.qmail,.qmail.tmp,@mbox.quota,Maildir,Maildir/tmp,@attachments} $box $boxes/d.example/{.qmail-default,@mbox.quota}; do
-    for target in file dir dir/none; do
-      plant popuser $place "ln -s $victims/$target @"
-    done
-    plant popuser $place 'mkfifo @; chmod 666 @'
-    plant popuser $place 'echo "./Maildir/" >@; chmod 640 @'
-    plant root $place "ln $victims/file @"
-    plant root $place "ln -P $victims/link @"
-    plant root $place 'echo restored >@'
-    plant root $place 'mknod @ c 1 7'
-    plant root $place 'mkdir @; echo restored >@/file'
-    plant root $place "ln -s $victims/dir @"
-    plant root $place "mkdir /var/disk/his; chown popuser /var/disk/his; as_popuser 'ln -s /var/disk/his @'"
-    rm -rf /var/disk/his
+  for operation in add_mailbox add_autoresponder; do
+    setup_victims
+    "${popuser[@]}" "exec perl -e '\$SIG{IO} = \"IGNORE\"; open F, \">>$box/.qmail\"; fcntl F, 1024, 1 or die; sleep 600'" 3>&- &
+    until grep -q LEASE /proc/locks; do sleep 0.01; done
+    session operate $operation m d.example
+    kill -KILL $!
+    wait $! || true
+    session strace -qq -o /dev/null -e trace=unlinkat -e inject=unlinkat:retval=0 \
+      sh -c "rm $box/.qmail; mkfifo $box/.qmail; exec operate $operation m d.example"
+    tree $box
   done
 }
 
@@ -66,14 +98,17 @@ make_healthy() {
   make_healthy
   for place in /etc/drweb/{users.conf,users.conf.in,users.conf.tmp}; do
     for what in "ln -s $victims/file @" 'mkfifo @' 'echo his >@; chown 7:8 @; chmod 2664 @' 'echo roots >@' 'mkdir @'; do
-      plant root $place "chown 7:8 /etc/drweb; $what"
-      plant root $place "chown 0:0 /etc/drweb; chmod 1777 /etc/drweb; $what"
+      plant root "chown 7:8 /etc/drweb; $what" $place
+      plant root "chown 0:0 /etc/drweb; chmod 1777 /etc/drweb; $what" $place
     done
   done
+  plant root 'truncate -s 1073741825 @' /etc/drweb/users.conf.in
+  plant root 'chgrp staff /var/qmail/users; chmod 2775 /var/qmail/users; echo his >@; chown 7:8 @; chmod 666 @' \
+    /var/qmail/users/poppasswd
   lock=$locks/$(printf %s /var/qmail/control/rcpthosts | md5sum | cut -c-32)
   chown 7:8 $locks
   for what in "ln -s $victims/file @" 'mkfifo @' 'echo kept >@; chown 9:9 @' ':'; do
-    plant root "$lock" "$what"
+    plant root "$what" "$lock"
     [[ ! -f $lock ]] || cat "$lock" >>$shown
   done
 }
@@ -112,7 +147,7 @@ make_healthy() {
 @test "a mailbox and a link change places while runs go on" {
   make_healthy
   setup_victims
-  as_popuser "cd ${box%/*}; while :; do mv m real; ln -s $victims/dir m; rm m; mv real m; done" 2>/dev/null 3>&- &
+  "${popuser[@]}" "cd ${box%/*}; while :; do mv m real; ln -s $victims/dir m; rm m; mv real m; done" 2>/dev/null 3>&- &
   racers=($!)
   bash -c "cd ${box%/*}; while :; do ln $victims/tool a; mv -f a .qmail-default; cp -p .qmail-own b; mv -f b .qmail-default; done" \
     2>/dev/null 3>&- &
@@ -121,7 +156,7 @@ make_healthy() {
   describe >/run/before
   # Every other run is slow to go on after it has looked at a file.
   slow=(strace -qq -o /dev/null -e trace=newfstatat,fstat -e inject=newfstatat,fstat:delay_exit=2000)
-  for ((runs = 0, end = SECONDS + 8; SECONDS < end; ++runs)); do
+  for ((runs = 0, end = SECONDS + 5; SECONDS < end; ++runs)); do
     raced=(mboxfix --without-spam)
     ((runs % 2)) || raced=("${slow[@]}" "${raced[@]}")
     timeout 20 "${raced[@]}" >/run/planted.out 2>&1 3>&- || [[ $? == 1 ]] || echo 'no orderly end' >>$shown

@@ -12,11 +12,15 @@ host() {
   cp /run/former/etc/init.d/qmail /etc/init.d/qmail
 }
 
+# Does each action of a service after something has happened in its host.
 control() {
-  host
-  eval "$1"
-  echo "# $1" >>$shown
-  session operate service_control "$2" "$3"
+  local action
+  for action in "${@:3}"; do
+    host
+    eval "$1"
+    echo "# $1" >>$shown
+    session operate service_control "$2" "$action"
+  done
 }
 
 # A process with Tomcat's marker in its command line, which does what $1 says on SIGTERM.
@@ -41,18 +45,12 @@ after() {
   control "$never_up" httpd restart
   control "after 21 'touch /run/up'" httpd force-reload
   control "after 20 'touch /run/up'" httpd force-reload
-  for action in start stop restart status graceful; do
-    control "script /etc/init.d/httpd 'exit 1'" httpd $action
-  done
-  for action in STOP Start graceful g status ''; do
-    control : httpd "$action"
-  done
+  control "script /etc/init.d/httpd 'exit 1'" httpd start stop restart status graceful
+  control : httpd STOP Start graceful g status ''
   control 'touch /run/up' httpd status
   cp /bin/sleep /run/httpd2-prefork
   /run/httpd2-prefork 600 3>&- &
-  for action in graceful restart; do
-    control "script /etc/init.d/httpd 'exit 1'" httpd $action
-  done
+  control "script /etc/init.d/httpd 'exit 1'" httpd graceful restart
   kill $!
   for calls in clone clone3,vfork; do
     # Neither a script nor the clean-up can be started.
@@ -94,7 +92,6 @@ after() {
   done
   sql 'update misc set val = "/usr/local/cf"'
   for words in 'coldfusion restart' 'jrun start' 'coldfusion status'; do
-    # shellcheck disable=SC2086
     control 'touch /run/up' $words
   done
   control "touch /run/up; script /usr/local/cf/bin/jrun 'exit 1'" jrun stop
@@ -115,9 +112,7 @@ after() {
     echo lost; cut -d" " -f6 /proc/$$/stat | grep -qx $$ && pwd >>/run/host/calls'
   control : qmail start
   for end in 'exit 255' 'kill -9 $$' 'kill -STOP $$'; do
-    for action in start status; do
-      control "script $qmail '$end'" qmail $action
-    done
+    control "script $qmail '$end'" qmail start status
   done
   pkill -KILL -x qmail
   script $qmail
