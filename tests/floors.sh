@@ -46,6 +46,6 @@ while IFS=: read -r file _ line; do
   fi
 done < <(grep -nE '^ *# *include *"' -- src/*/*.cc src/*/*.h)
 
-diff <(echo "$floors") <(sed -n 's/^    \([a-z]*\/.*\)/\1/p' doc/contributing.md | head -n "$(wc -l <<<"$floors")") >&2 ||
-  fail 'doc/contributing.md shows other floors'
+diff <(echo "$floors") <(sed -n 's/^    \([a-z]*\/.*\)/\1/p' CONTRIBUTING.md | head -n "$(wc -l <<<"$floors")") >&2 ||
+  fail 'CONTRIBUTING.md shows other floors'
 exit "$status"

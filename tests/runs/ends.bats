@@ -47,7 +47,7 @@ component() {
   while read -r key _; do
     sed "s/^$key .*/$key/" /run/whole >/etc/vlq/vlq.conf
     session mboxfix -v
-  done </run/whole
+  done < <(grep ^[A-Z] /run/whole)
   : >/etc/vlq/vlq.conf
   session mboxfix -v
   rm /etc/vlq/vlq.conf
