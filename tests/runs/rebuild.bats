@@ -9,6 +9,7 @@ trace() {
       echo "s,</usr/local/vlq/var/lock/files/$(printf %s "$file" | md5sum | cut -c-32)>,<lock of $file>,"
     done >/run/names
   sed -E -f /run/names -e 's/^[0-9]+ +//; s/ += [-?0-9].*//; s/kill\([0-9]+/kill(PID/; s/\b[0-9]+</</g; s,\, 0x[0-9a-f]+ .*\*/,,; s/renameat\(.*[/"](.*)"\)/renameat \1/' \
+    -e 's/"-c", "--", /"-c", /' \
     -e '/"\/(usr\/)?bin\/(ps|grep|awk|tail|kill)"|^<\.\.\./d' /run/trace >>$shown
 }
 
