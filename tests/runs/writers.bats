@@ -17,7 +17,6 @@ try() {
 tries() {
   local way
   for way in "${@:2}"; do
-    # shellcheck disable=SC2086
     try "$way" $1
   done
 }
