@@ -179,6 +179,7 @@ away() {
 }
 
 @test "a virsetup or a spamsetup that fails, and a mail name that is empty" {
+  session operate spam_apply_settings m@d.example
   panel
   sql 'insert mail (mail_name, dom_id) values ("", 7)'
   session mboxfix --spam-only

@@ -27,9 +27,7 @@ plant() {
   local who=$1 what=$2 place all='' left
   shift 2
   setup_victims
-  for place; do
-    all+="rm -rf $place; ${what//@/$place};"
-  done
+  for place; do all+="rm -rf $place; ${what//@/$place};"; done
   printf '# %s %s\n' "$who" "$what" >>$shown
   if [[ $who == popuser ]]; then as_popuser "$all"; else eval "$all"; fi
   describe >/run/before
