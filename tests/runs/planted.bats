@@ -140,6 +140,7 @@ make_healthy() {
   session mboxfix --without-spam
   changes
   umount /proc || true
+  sed -i '/^\(< \)*Error, do this: mount/d' $shown # as ps has it
 }
 
 @test "a mailbox and a link change places while runs go on" {
