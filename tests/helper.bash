@@ -1,4 +1,3 @@
-# shellcheck shell=bash
 # The words of a session in a private host: $MBOXFIX and $OPERATE are the program and what does one operation of it.
 # Each case begins in the host as it was made, with an empty panel. What its sessions show is held against the file
 # expected/FILE/CASE beside it when the case ends; with UPDATE=1 it is written there instead.
@@ -70,7 +69,6 @@ runs() {
 operations() {
   local words
   for words; do
-    # shellcheck disable=SC2086
     session operate $words
   done
 }

@@ -61,19 +61,21 @@ extern "C" MYSQL *STDCALL mysql_init(MYSQL *db)
 
 namespace {
 
-std::string shown(const char *text)
+std::string shown(const auto &value)
 {
-    return text ? text : "(none)";
+    if constexpr (requires { value.get(); })
+        return shown(value.get());
+    else if constexpr (requires { std::to_string(value); })
+        return std::to_string(value);
+    else if (const char *text = value)
+        return text;
+    else
+        return "(none)";
 }
 
-std::string shown(int result)
+std::string converted(const owned_text &name)
 {
-    return std::to_string(result);
-}
-
-std::string shown(const owned_text &text)
-{
-    return shown(text.get());
+    return shown(name) + ", " + idn_error_text(idn_last_error);
 }
 
 const char **word; // the operation's first argument, and those that follow
@@ -106,12 +108,11 @@ std::string lock(const char *path)
            shown(lock_file_release(std::move(taken)));
 }
 
-std::string salt(unsigned seed)
+std::string salt()
 {
     char buffer[] = "!!!!!!!!!";
-    srand(seed);
-    random_salt(buffer, 8);
-    return buffer;
+    srand(static_cast<unsigned>(number(0)));
+    return random_salt(buffer, 8), buffer;
 }
 
 std::string report()
@@ -140,9 +141,9 @@ const struct {
     {"get_client_email", [] { return shown(get_client_email(word[0], lent())); }},
     {"get_dom_id", [] { return shown(get_dom_id(word[0], lent())); }},
     {"is_component_installed", [] { return shown(is_component_installed(word[0])); }},
-    {"idn_toascii", [] { return shown(idn_toascii(word[0])) + ", " + idn_error_text(idn_last_error); }},
+    {"idn_toascii", [] { return converted(idn_toascii(word[0])); }},
     {"idn_toascii_safe", [] { return shown(idn_toascii_safe(word[0])); }},
-    {"idn_email_toascii", [] { return shown(idn_email_toascii(word[0])) + ", " + idn_error_text(idn_last_error); }},
+    {"idn_email_toascii", [] { return converted(idn_email_toascii(word[0])); }},
     {"idn_email_toascii_safe", [] { return shown(idn_email_toascii_safe(word[0])); }},
     {"idn_error_text", [] { return shown(idn_error_text(number(0))); }},
     {"lock", [] { return lock(word[0]); }},
@@ -151,7 +152,7 @@ const struct {
     {"set_owner_mode", [] { return shown(set_owner_mode(word[0], 7, 8, 02775)); }},
     {"rename_dir", [] { return shown(rename_dir(word[0], word[1])); }},
     {"is_inside_dir", [] { return shown(is_inside_dir(word[0], word[1])); }},
-    {"random_salt", [] { return salt(static_cast<unsigned>(number(0))); }},
+    {"random_salt", salt},
     {"add_mail_domain", [] { return shown(add_mail_domain(word[0], number(1))); }},
     {"add_domain_alias", [] { return shown(add_domain_alias(word[0], word[1])); }},
     {"add_mailbox", [] { return shown(add_mailbox(word[0], word[1])); }},

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <random>
 #include <string_view>
 #include <unistd.h>
@@ -135,26 +136,19 @@ void shell_escape_can_be_taken_off(const std::string &input)
     must(back == input);
 }
 
-const struct {
-    std::string_view name;
-    void (*try_input)(const std::string &);
-} targets[] = {{"arg_vector", arg_vector_keeps},
-               {"conf", conf_values_are_of_a_line},
-               {"file_str", file_str_edits_plainly},
-               {"ps_output", ps_lines_count_once},
-               {"shell_escape", shell_escape_can_be_taken_off}};
-
-void (*try_input)(const std::string &);
+const std::map<std::string_view, void (*)(const std::string &)> targets = {
+    {"arg_vector", arg_vector_keeps},
+    {"conf", conf_values_are_of_a_line},
+    {"file_str", file_str_edits_plainly},
+    {"ps_output", ps_lines_count_once},
+    {"shell_escape", shell_escape_can_be_taken_off}};
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    for (const auto &target : targets)
-        if (target.name == getenv("FUZZ"))
-            try_input = target.try_input;
     static char folder[] = "/dev/shm/mboxfix-fuzz.XXXXXX";
-    must(try_input && mkdtemp(folder) && chdir(folder) == 0);
+    must(mkdtemp(folder) && chdir(folder) == 0);
     std::filesystem::create_directories("product/var/lock/files");
     PRODUCT_ROOT_D = "product";
     atexit([] { std::filesystem::remove_all(folder); });
@@ -163,6 +157,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
+    static const auto try_input = targets.at(getenv("FUZZ"));
     try_input({reinterpret_cast<const char *>(data), size});
     return 0;
 }
@@ -184,7 +179,7 @@ int main()
                                         : "\0ab mrk1"[below(any * 2 + 2)];
         for (std::size_t at = 0; at < std::min<std::size_t>(2, input.size()); ++at)
             input[at] = static_cast<char>(below(256));
-        try_input(input);
+        LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t *>(input.data()), input.size());
     }
     return 0;
 }

@@ -1,15 +1,18 @@
 load ../helper
 
 away() {
-  option=${2-} runs "sql 'rename table $1 to away'"
-  sql "rename table away to $1"
+  local words
+  for words; do
+    read -ra words <<<"$words"
+    option=${words[1]-} runs "sql 'rename table ${words[0]} to away'"
+    sql "rename table away to ${words[0]}"
+  done
 }
 
 @test "options are taken whole, and everything else gets the usage" {
   touch /var/qmail/control/rcpthosts
   remember
   for words in '' x --With-spam -vv --with-spa '-v x' '-v --daemon' '-v --daemon-mode x' '--spam-only -v' 'spam-onl'; do
-    # shellcheck disable=SC2086
     session mboxfix $words
   done
   session mboxfix '-v '
@@ -41,7 +44,7 @@ away() {
   while read -r key _; do
     sed "s/^$key .*/$key/" /run/whole >/etc/vlq/vlq.conf
     session mboxfix -v
-  done < <(grep ^[A-Z] /run/whole)
+  done < <(grep "^[A-Z]" /run/whole)
   : >/etc/vlq/vlq.conf
   session mboxfix -v
   rm /etc/vlq/vlq.conf
@@ -120,14 +123,9 @@ away() {
 
 @test "a table that is away" {
   panel
-  for table in misc domains Limits Parameters domainaliases mail mail_redir mail_aliases Components; do
-    away $table
-  done
+  away misc domains Limits Parameters domainaliases mail mail_redir mail_aliases Components
   sql 'insert Parameters values (1, "nonexist_mail", "catch"); update DomainServices set parameters_id = 1'
-  for words in clients 'spamfilter -v' 'spamfilter_preferences -v' 'domains --spam-only' 'mail --spam-only'; do
-    # shellcheck disable=SC2086
-    away $words
-  done
+  away clients 'spamfilter -v' 'spamfilter_preferences -v' 'domains --spam-only' 'mail --spam-only'
   sql 'update Parameters set value = "reject" where id = 1'
   away mail_aliases
   cat /etc/drweb/users.conf >>$shown
@@ -181,6 +179,7 @@ away() {
 }
 
 @test "a virsetup or a spamsetup that fails, and a mail name that is empty" {
+  session operate spam_apply_settings m@d.example
   panel
   sql 'insert mail (mail_name, dom_id) values ("", 7)'
   session mboxfix --spam-only

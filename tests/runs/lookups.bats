@@ -53,7 +53,6 @@ instead() {
   for lines in 'A b\n  KEY   /var/qmail  \nC d\n' '\v\fKEY\t\v inner  blanks\tstay\f \t\n' 'A b\r\n\r\n \n\nKEY value\r\n' \
     'KEY one\nKEY two\n' 'KEY\nKEY \t\nKEY three\n' '#KEY 1\n# KEY 2\nKEYS 3\nkey 4\nA KEY\n' 'KEY\nvalue\n' 'A b\nKEY  ' \
     'A b\nKEY' 'A b\nKEY value \t' 'XKEY 1\nKEY\t2\nKE 3\n' ''; do
-    # shellcheck disable=SC2059
     printf "$lines" >/etc/vlq/vlq.conf
     session operate conf_get KEY
   done

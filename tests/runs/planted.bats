@@ -27,9 +27,7 @@ plant() {
   local who=$1 what=$2 place all='' left
   shift 2
   setup_victims
-  for place; do
-    all+="rm -rf $place; ${what//@/$place};"
-  done
+  for place; do all+="rm -rf $place; ${what//@/$place};"; done
   printf '# %s %s\n' "$who" "$what" >>$shown
   if [[ $who == popuser ]]; then as_popuser "$all"; else eval "$all"; fi
   describe >/run/before
@@ -138,10 +136,11 @@ make_healthy() {
   remember
   session mboxfix --without-spam
   changes
-  mount -t tmpfs none /proc
+  grep -q __asan_init /usr/local/sbin/mboxfix || mount -t tmpfs none /proc # which the sanitizer itself needs
   session mboxfix --without-spam
   changes
-  umount /proc
+  umount /proc || true
+  sed -i '/^\(< \)*Error, do this: mount/d' $shown # as ps has it
 }
 
 @test "a mailbox and a link change places while runs go on" {

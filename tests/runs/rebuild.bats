@@ -32,9 +32,8 @@ sorted() {
 }
 
 sample_calls() {
-  sed -n 's/^call: //p' $shown | sort >/run/calls
-  sed -i '/^call: /d' $shown
-  cat /run/calls >>$shown
+  { grep -v '^call: ' $shown && sed -n 's/^call: //p' $shown | sort; } >/run/calls
+  cp /run/calls $shown
 }
 
 @test "one of everything, twice, with its locks and signals" {

@@ -93,9 +93,7 @@ after() {
     control : coldfusion restart
   done
   sql 'update misc set val = "/usr/local/cf"'
-  for words in 'coldfusion restart' 'jrun start' 'coldfusion status'; do
-    control 'touch /run/up' $words
-  done
+  for words in 'coldfusion restart' 'jrun start' 'coldfusion status'; do control 'touch /run/up' $words; done
   control "touch /run/up; script /usr/local/cf/bin/jrun 'exit 1'" jrun stop
   control 'rm /etc/vlq/.vlq.shadow' jrun stop
 }
@@ -113,9 +111,7 @@ after() {
   script $qmail 'ls /proc/self/fd | tr "\n" " " >>/run/host/calls; readlink /proc/self/fd/[012] >>/run/host/calls
     echo lost; cut -d" " -f6 /proc/$$/stat | grep -qx $$ && pwd >>/run/host/calls'
   control : qmail start
-  for end in 'exit 255' 'kill -9 $$' 'kill -STOP $$'; do
-    control "script $qmail '$end'" qmail start status
-  done
+  for end in 'exit 255' 'kill -9 $$' 'kill -STOP $$'; do control "script $qmail '$end'" qmail start status; done
   pkill -KILL -x qmail
   script $qmail
   sed -i 's,/bin/sh,/no/sh,' $qmail

@@ -16,10 +16,7 @@ try() {
 # The same operation after each of some things was put in its way.
 tries() {
   local way
-  for way in "${@:2}"; do
-    # shellcheck disable=SC2086
-    try "$way" $1
-  done
+  for way in "${@:2}"; do try "$way" $1; done
 }
 
 # A domain with its mail, and another one whose lines look alike.
@@ -62,9 +59,7 @@ make() {
   tries "add_mailbox m d.example" 'rm users/assign' 'rm users/assign users/poppasswd' 'rm -r mailnames/d.example' \
     "rm -r $box; touch $box" "rm $box/.qmail; mkdir $box/.qmail" "rm -r $box/Maildir; touch $box/Maildir" \
     "rm -r $box/@attachments; touch $box/@attachments"
-  for name in .m é '' a/b; do
-    try : add_mailbox "$name" d.example
-  done
+  for name in .m é '' a/b; do try : add_mailbox "$name" d.example; done
   tries "remove_mailbox m d.example" :
   try : add_mailbox m ''
   try : add_mailbox n "$(printf %064d 1).example"
@@ -81,9 +76,7 @@ make() {
   tries "add_postbox .m d.example new" :
   tries "add_forward m d.example a@ü.example" "chmod 644 $box/.qmail; chown 0:0 $box/.qmail"
   tries "add_forward m d.example a@far.example" "rm -r $box"
-  for address in nobody @ "a@$(printf %064d 1)" 'a@@b' é@é; do
-    try : add_forward m d.example "$address"
-  done
+  for address in nobody @ "a@$(printf %064d 1)" 'a@@b' é@é; do try : add_forward m d.example "$address"; done
   try : add_forward '' d.example a@far.example
   tries "add_autoresponder m d.example" "chmod 644 $box/.qmail; chown 0:0 $box/.qmail; sed -i /auto/d $box/.qmail" \
     "rm -r $box"
