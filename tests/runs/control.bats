@@ -15,7 +15,7 @@ setup_panel() {
 # Shows what a command said, the calls made, its status and what is left of it; not what differs from time to time.
 show_end() {
   sed -Ei 's/[0-9]{8}-[0-9]{6}\.[0-9]{3}/TIME/g; s/in [0-9.]+ s/in N s/g; s/process [0-9]+/process N/; /would report: System error/d
-    s/([1-9][0-9]{3,}) go/MANY go/' /run/out
+    s/[0-9]{2,} go/MANY go/' /run/out
   { cat /run/out && sed 's/^/call: /' /run/host/calls; } >>$shown
   (($1 == 0)) || echo "[$1]" >>$shown
   ! pgrep -l mboxfix >>$shown || true
