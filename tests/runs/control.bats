@@ -147,6 +147,21 @@ wait_until() {
   list /var/disk >>$shown
 }
 
+@test "links of root's and mounts lead where they lead" {
+  setup_panel
+  mkdir -p /var/disk
+  mv /var/qmail/control/rcpthosts $box /var/disk
+  ln -s /var/disk/rcpthosts /var/qmail/control/rcpthosts
+  ln -s /var/disk/m $box
+  mkdir $boxes/new.example /var/disk/new.example
+  mount --bind /var/disk/new.example $boxes/new.example
+  untouched preview --quiet --without-spam
+  ctl apply --yes --quiet --without-spam
+  ctl preview --summary --quiet --without-spam
+  umount $boxes/new.example
+  list /var/disk /var/qmail/control >>$shown
+}
+
 @test "other runs and other editors" {
   setup_panel
   hold /etc/vlq/.vlq.shadow
