@@ -51,11 +51,11 @@ std::vector<std::string> lacking(const needs &all)
             continue;
         const std::uint64_t bytes = now.f_bfree * now.f_frsize;
         if (bytes < wanted.bytes)
-            causes.push_back("no room at " + wanted.path + ": " + std::to_string(wanted.bytes) + " bytes are needed, " +
-                             std::to_string(bytes) + " are free: make room");
+            causes.push_back("no room at " + wanted.path + ": " + std::to_string(wanted.bytes) +
+                             " bytes to be written, " + std::to_string(bytes) + " free: make room");
         if (now.f_files != 0 && now.f_ffree < wanted.inodes)
             causes.push_back("no room at " + wanted.path + ": " + std::to_string(wanted.inodes) +
-                             " inodes are needed, " + std::to_string(now.f_ffree) + " are free: make room");
+                             " files to be made, " + std::to_string(now.f_ffree) + " free: make room");
     }
     return causes;
 }

@@ -79,9 +79,9 @@ publish_end put_list(passage &way, list_number number, const std::string &bytes)
 {
     const std::string path = list_path(number);
     const std::string real = real_path(path);
-    way.state.has_begun = true;
     if (!put_file(real.empty() ? path : real, bytes, way.found.lists[number].status_after, true))
         return fail(way, path);
+    way.state.has_begun = true;
     way.state.in_place.push_back(path);
     return publish_end::done;
 }
@@ -114,9 +114,10 @@ publish_end put_entry(passage &way, const change &entry)
         return publish_end::changed;
     const auto bytes =
         entry.what == kind::content || entry.what == kind::new_file ? new_bytes(way.found, entry) : std::string();
-    way.state.has_begun = true;
+    way.state.has_begun = way.state.has_begun || is_dir; // a directory may have been made and not given away
     if (!bytes || !put_in_place(entry, *bytes))
         return fail(way, entry.path);
+    way.state.has_begun = true;
     return publish_end::done;
 }
 
