@@ -22,8 +22,10 @@ bool fill(file_copy &copy, std::string_view bytes, const struct stat &status, bo
 
 bool make_directory(const char *path, const struct stat &status)
 {
-    return safe_make_dir(path, status.st_uid, status.st_gid, 0700) == safe_step::none &&
-           safe_chmod(path, safe_kind::directory, status.st_mode & 07777) == 0;
+    constexpr mode_t first = 0700; // until it has its owner, and in the end that of nearly all
+    const mode_t bits = status.st_mode & 07777;
+    return safe_make_dir(path, status.st_uid, status.st_gid, first) == safe_step::none &&
+           (bits == first || safe_chmod(path, safe_kind::directory, bits) == 0);
 }
 
 } // namespace

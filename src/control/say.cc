@@ -25,7 +25,8 @@ std::string last_what;
 
 bool is_terminal()
 {
-    return isatty(STDERR_FILENO) != 0;
+    static const bool is = isatty(STDERR_FILENO) != 0;
+    return is;
 }
 
 __attribute__((format(printf, 1, 0))) std::string vformatted(const char *format, va_list arguments)
