@@ -138,7 +138,8 @@ void check_locks(check_result &result)
         const std::string path = list_path(static_cast<list_number>(number));
         std::string holder;
         if (is_locked(path, holder))
-            add(result, false, "the lock of " + path + " is held by " + holder + ": wait for it");
+            add(result, false,
+                formatted("the lock of %s is held by %s: wait for it", path.c_str(), holder.c_str()).c_str());
     }
     owned_fd lock;
     std::string holder;

@@ -80,7 +80,7 @@ void find_links(places &found, const std::string &path, int depth)
         struct stat status {};
         if (type == DT_UNKNOWN && fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0)
             type = static_cast<unsigned char>(IFTODT(status.st_mode));
-        const std::string entry_path = path + "/" + name;
+        const std::string entry_path = (path + "/").append(name);
         if (type == DT_LNK)
             note_link(found, fd, entry->d_name, entry_path, ahead);
         else if (type == DT_DIR)
