@@ -160,9 +160,8 @@ int run_program(const inner_run &run)
 
 } // namespace
 
-int run_inside(void *data)
+void run_inside(const inner_run &run)
 {
-    const inner_run &run = *static_cast<inner_run *>(data);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGXFSZ})
         signal(number, SIG_DFL);
     prctl(PR_SET_PDEATHSIG, SIGKILL);

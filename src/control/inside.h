@@ -15,6 +15,6 @@ struct inner_run {
     const char *option;
 };
 
-// Prepares the namespaces that it was started in and runs the program there; `run` is an inner_run. Ends with its
-// caller.
-int run_inside(void *run);
+// Prepares the namespaces that the calling process, a child, was started in, and runs the program there. Ends with the
+// process that started it.
+[[noreturn]] void run_inside(const inner_run &run);

@@ -5,7 +5,10 @@
 #include "control/obstacles.h"
 #include "qmail/layout.h"
 
+#include <optional>
 #include <set>
+#include <string>
+#include <string_view>
 
 namespace {
 
@@ -50,7 +53,8 @@ std::vector<std::string> find_refusals(const stage &made, const changes &found)
     for (const change &entry : found.entries)
         if (entry.what == kind::loss)
             causes.push_back(entry.path + " would be taken away, with what is in it");
-    const std::set<std::string_view> homes = home_dirs(found.lists[assign].after ? *found.lists[assign].after : "");
+    const std::optional<std::string> &staged = found.lists[assign].after;
+    const std::set<std::string_view> homes = home_dirs(staged ? std::string_view(*staged) : std::string_view());
     for (const std::string &path : made.where.strangers)
         if (made.status != 0 || is_on_the_way(path, homes)) // a run that failed has not named all its directories
             causes.push_back(path + " is a link, but not root's: take it away");

@@ -13,13 +13,13 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr int watch_interval_ms = 200;
-constexpr std::size_t stack_size = std::size_t{1} << 20;
 
 bool make_layout(const stage &made)
 {
@@ -103,8 +103,11 @@ bool run_staged(stage &made, const std::string &program, const std::string &opti
     const owned_fd from(ends[0]);
     owned_fd to(ends[1]);
     inner_run run = {made.dir.get(), to.get(), from.get(), &made.where.covered, program.c_str(), option.c_str()};
-    const std::unique_ptr<char[]> stack(new char[stack_size]);
-    const pid_t child = clone(run_inside, stack.get() + stack_size, CLONE_NEWNS | CLONE_NEWPID | SIGCHLD, &run);
+    // fork() into namespaces of its own: the process namespace is for this child alone, not for those that come later.
+    const auto child = static_cast<pid_t>(
+        syscall(SYS_clone, CLONE_NEWNS | CLONE_NEWPID | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+    if (child == 0)
+        run_inside(run);
     if (child < 0)
         return give_up(made, "no namespaces can be had (plain mboxfix works without them)");
     end_child_on_signals(child);
