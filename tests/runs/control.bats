@@ -278,6 +278,7 @@ injure() {
 }
 
 @test "failed and killed at every so-many-th call" {
+  ! grep -q __asan_init "$MBOXFIX" || skip "the staged program's leak check cannot be traced, and its environment is empty"
   setup_panel
   sql 'update accounts set type = "crypt"'
   prepare_injury
