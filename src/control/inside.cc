@@ -67,7 +67,7 @@ void close_each(const inner_run &run)
 void close_everything(const inner_run &run)
 {
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        give_up(run, "the mounts cannot be made private");
+        give_up(run, "the mounts cannot be made private (not in a plain chroot: plain mboxfix works there)");
     struct mount_attr closed {};
     closed.attr_set = MOUNT_ATTR_RDONLY;
     if (mount_setattr(AT_FDCWD, "/", AT_RECURSIVE, &closed, sizeof closed) == 0)
