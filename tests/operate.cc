@@ -27,6 +27,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <sys/file.h>
 #include <sys/wait.h>
@@ -180,17 +181,19 @@ const struct {
     {"service_control", [] { return shown(service_control(word[0], word[1])); }},
 };
 
-// What is open, or left to be waited for. Some directories are kept open on purpose.
-std::string held()
+// What is open, or left to be waited for, by its number. Some directories are kept open on purpose.
+std::map<int, std::string> held()
 {
-    std::string places;
+    std::map<int, std::string> places;
     for (int fd = 0; fd < 1024; ++fd) {
         char place[4096] = "";
         const std::string link = "/proc/self/fd/" + std::to_string(fd);
         if (readlink(link.c_str(), place, sizeof place - 1) > 0 && !std::filesystem::is_directory(link))
-            places += " " + std::string(place, strcspn(place, "["));
+            places[fd] = std::string(place, strcspn(place, "["));
     }
-    return places + (waitpid(-1, nullptr, WNOHANG) == -1 ? "" : " a child");
+    if (waitpid(-1, nullptr, WNOHANG) != -1)
+        places[-1] = "a child";
+    return places;
 }
 
 } // namespace
@@ -205,12 +208,13 @@ int main(int, char **argv)
     for (const auto &operation : operations) {
         if (strcmp(operation.name, argv[1]) != 0)
             continue;
-        const std::string before = held();
+        std::map<int, std::string> before = held();
         errno = 0;
         const std::string result = operation.perform();
         printf("%s\n", result.c_str());
-        if (const std::string after = held(); after != before)
-            printf("left:%s\n", after.starts_with(before) ? after.c_str() + before.size() : "less");
+        for (const auto &[fd, place] : held())
+            if (before[fd] != place)
+                printf("left: %s\n", place.c_str());
         return 0;
     }
     return 2;

@@ -21,11 +21,11 @@ user_ids get_user_ids(const char *name);
 int set_owner_mode(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
 // Makes a directory, or takes the one that exists, and gives it this owner and exactly this mode, by the rule of
-// safe_open. Returns 0, or -1 after "ERROR: Unable to mkdir %s: %s\n", or the same with chown or chmod. Sets errno to 0
-// first; a directory that existed leaves EEXIST in it.
+// safe_open. Returns 0, also for a directory that is gone again meanwhile; or -1 after "ERROR: Unable to mkdir %s:
+// %s\n", or the same with chown or chmod. Sets errno to 0 first; a directory that existed leaves EEXIST in it.
 int make_dir(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
-// Renames a directory unless the new path exists. Returns 0, also when the old path does not exist, or -1 after
+// Renames a directory unless the new path exists. Returns 0, also when stat() of the old path fails, or -1 after
 // "Directory rename error: target directory %s already exists.\n" or "Remaming %s to %s failed: %s\n".
 int rename_dir(const char *old_path, const char *new_path);
 

@@ -1,5 +1,6 @@
 #include "common/error.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -36,60 +37,33 @@ void print_line(FILE *stream, const char *text)
     fflush(stream);
 }
 
-void print_message(const char *text)
-{
-    print_line(stderr, text);
-    print_line(stdout, text);
-}
-
-// Makes room for at least `needed` bytes; without memory the buffer stays as it is, and what comes next is cut to it.
-void grow(owned_text &buffer, std::size_t &capacity, std::size_t needed)
-{
-    if (needed <= capacity)
-        return;
-    if (auto *grown = static_cast<char *>(realloc(buffer.get(), needed))) {
-        [[maybe_unused]] const char *former = buffer.release();
-        buffer.reset(grown);
-        capacity = needed;
-    }
-}
-
-__attribute__((format(printf, 1, 0))) void print_report(const char *format, va_list arguments)
+// Prints the message with the suffix of errno, cut to the buffer that is to be had, and ends the process unless
+// exit_status is 0.
+__attribute__((format(printf, 2, 0))) void report_message(int exit_status, const char *format, va_list arguments)
 {
     const int saved_errno = errno;
-    std::size_t capacity = text_size;
-    owned_text buffer(static_cast<char *>(malloc(capacity)));
-    if (!buffer) {
-        print_message("Can't allocate memory for error message");
-        errno = saved_errno;
-        return;
-    }
-
+    text suffix{};
+    if (saved_errno != 0)
+        suffix = formatted("\nSystem error %d: %s", saved_errno, strerror(saved_errno));
     va_list again;
     va_copy(again, arguments);
-    const int needed = vsnprintf(buffer.get(), capacity, format, arguments);
-    if (needed >= 0 && static_cast<std::size_t>(needed) >= capacity) {
-        grow(buffer, capacity, static_cast<std::size_t>(needed) + 1);
-        vsnprintf(buffer.get(), capacity, format, again);
-    }
+    const auto length = static_cast<std::size_t>(std::max(vsnprintf(nullptr, 0, format, again), 0));
     va_end(again);
 
-    errno = saved_errno;
-    if (saved_errno != 0) {
-        const text suffix = formatted("\nSystem error %d: %s", saved_errno, strerror(saved_errno));
-        const std::size_t length = strlen(buffer.get());
-        grow(buffer, capacity, length + strlen(suffix) + 1);
-        format_text({buffer.get() + length, capacity - length}, "%s", suffix.c_str());
+    std::size_t capacity = std::max(text_size, length + strlen(suffix) + 1);
+    owned_text buffer(static_cast<char *>(malloc(capacity)));
+    if (!buffer)
+        buffer.reset(static_cast<char *>(malloc(capacity = text_size)));
+    if (buffer) {
+        vsnprintf(buffer.get(), capacity, format, arguments);
+        const std::size_t end = strlen(buffer.get());
+        format_text({buffer.get() + end, capacity - end}, "%s", suffix.c_str());
     }
-    print_message(buffer.get());
+    for (FILE *stream : {stderr, stdout})
+        print_line(stream, buffer ? buffer.get() : "Can't allocate memory for error message");
     errno = saved_errno; // a first write to a stream may have asked whether it is a terminal
-}
-
-__attribute__((format(printf, 2, 0))) void vreport(int exit_status, const char *format, va_list arguments)
-{
-    print_report(format, arguments);
     if (exit_status != 0)
-        end_process(exit_status);
+        exit(exit_status);
 }
 
 } // namespace
@@ -98,7 +72,7 @@ void report_error(int exit_status, int, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    vreport(exit_status, format, arguments);
+    report_message(exit_status, format, arguments);
     va_end(arguments);
 }
 
@@ -106,13 +80,14 @@ void report_fatal(int, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    vreport(1, format, arguments);
+    report_message(1, format, arguments);
     va_end(arguments);
     abort(); // never reached: the report has ended the process
 }
 
 owned_text alloc_printf(const char *format, ...)
 {
+    const int former_errno = errno;
     va_list arguments;
     va_start(arguments, format);
     char *text = nullptr;
@@ -120,12 +95,8 @@ owned_text alloc_printf(const char *format, ...)
     va_end(arguments);
     if (length < 0)
         report_fatal(1, "Cannot allocate memory: %s", strerror(errno));
+    errno = former_errno; // malloc() leaves ENOMEM where only brk() has failed it
     return owned_text(text);
-}
-
-void end_process(int exit_status)
-{
-    exit(exit_status);
 }
 
 text formatted(const char *format, ...)

@@ -20,12 +20,9 @@ void report_error(int exit_status, int system_error_flag, const char *format, ..
 // report_error with exit status 1; the compiler knows that it never returns.
 [[noreturn]] void report_fatal(int system_error_flag, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// Returns the formatted text as a new string of any length, never null. Ends the process when memory runs out: "Cannot
-// allocate memory: %s".
+// Returns the formatted text as a new string of any length, never null. Leaves errno as it was. Ends the process when
+// memory runs out: "Cannot allocate memory: %s".
 owned_text alloc_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
-
-// Ends the process with this status through exit(). Reports nothing.
-[[noreturn]] void end_process(int exit_status);
 
 // The size, in bytes, of the buffers for paths, commands, queries and lines.
 inline constexpr std::size_t text_size = 4096;

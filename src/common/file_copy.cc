@@ -5,7 +5,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
-#include <utility>
 
 int file_copy_begin(file_copy &copy, const char *path, const safe_dir &dir, const char *name)
 {
@@ -15,10 +14,10 @@ int file_copy_begin(file_copy &copy, const char *path, const safe_dir &dir, cons
     copy.name = copy.path.bytes + (strcmp(name, ".") == 0 ? strlen(path) : static_cast<std::size_t>(name - path));
     const int former_errno = errno;
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    copy.fd = openat(dir.fd, copy.name, flags, 0600);
-    if (copy.fd < 0 && errno == EEXIST && unlinkat(dir.fd, copy.name, 0) == 0)
-        copy.fd = openat(dir.fd, copy.name, flags, 0600);
-    if (copy.fd < 0) {
+    copy.fd = owned_fd(openat(dir.fd, copy.name, flags, 0600));
+    if (copy.fd.get() < 0 && errno == EEXIST && unlinkat(dir.fd, copy.name, 0) == 0)
+        copy.fd = owned_fd(openat(dir.fd, copy.name, flags, 0600));
+    if (copy.fd.get() < 0) {
         file_copy_complain("Unable to open file", copy);
         return -1;
     }
@@ -38,11 +37,6 @@ file_copy_failure file_copy_own(int fd, const struct stat &status)
     return failure;
 }
 
-int file_copy_close(file_copy &copy)
-{
-    return close(std::exchange(copy.fd, -1));
-}
-
 int file_copy_commit(const file_copy &copy, const char *name)
 {
     if (renameat(copy.dir.fd, copy.name, copy.dir.fd, name) == 0)
@@ -56,8 +50,7 @@ int file_copy_commit(const file_copy &copy, const char *name)
 void file_copy_drop(file_copy &copy)
 {
     const int former_errno = errno;
-    if (copy.fd >= 0)
-        file_copy_close(copy);
+    copy.fd = {};
     unlinkat(copy.dir.fd, copy.name, 0);
     errno = former_errno;
 }

@@ -13,12 +13,12 @@ struct file_copy {
     text path;
     safe_dir dir;
     const char *name; // points into path
-    int fd;           // -1 once it is closed
+    owned_fd fd;      // empty once it is closed
 };
 
-// Makes the copy for the file that safe_find_dir has found in `dir` as `name`, which must point into `path`. Whatever
-// has the copy's name is removed first, except a directory. Returns 0; or -1 with the error in errno, after "Unable to
-// open file PATH.tmp: %s" on standard error alone.
+// Makes the copy of a file: `path`, which safe_find_dir has found in `dir` as `name`. Whatever has the copy's name is
+// removed first, except a directory. Returns 0; or -1 with the error in errno, after "Unable to open file PATH.tmp: %s"
+// on standard error alone.
 int file_copy_begin(file_copy &copy, const char *path, const safe_dir &dir, const char *name);
 
 // Gives an open file the owner and the mode of another, trying both. Returns the first call that failed, by name and
@@ -29,10 +29,8 @@ struct file_copy_failure {
 };
 file_copy_failure file_copy_own(int fd, const struct stat &status);
 
-// Closes the copy. Returns the result of close().
-int file_copy_close(file_copy &copy);
-
-// Renames the closed copy over the file. Returns 0; or -1 with the error in errno, after removing the copy.
+// Renames the copy, which the caller has closed, over the file, by its name in the directory. Returns 0; or -1 with the
+// error in errno, after removing the copy.
 int file_copy_commit(const file_copy &copy, const char *name);
 
 // Removes the copy, after closing it if it is open. Leaves errno as it was.

@@ -24,24 +24,24 @@ constexpr std::size_t stream_buffer = 4096;
 constexpr std::size_t max_path = text_size - sizeof ".tmp"; // a longer one would leave no room for the copy's name
 
 // The file of an edit as it was found.
-struct target {
+struct found_file {
     const char *path;
-    safe_dir dir;
-    const char *name;
-    owned_fd input; // the open file, or -1 where it could not be opened
-    int error;      // why, or 0
-    safe_opened found;
+    safe_dir dir{};
+    const char *name = nullptr;
+    owned_fd input{}; // the open file, or -1 where it could not be opened
+    int error = 0;    // why, or 0
+    safe_opened opened{};
 };
 
-int report(const char *verb, const target &file, int cause)
+int report_failure(const char *verb, const found_file &file, int cause)
 {
     errno = cause;
     report_error(0, 0, "Unable to %s file %s: %s\n", verb, file.path, strerror(errno));
     return 1;
 }
 
-// Says what kept the file from getting its owner and mode, if anything did. Returns the result of the edit.
-int report_owner(const target &file, const file_copy_failure &failure)
+// Reports what kept the file from getting its owner and mode, if anything did. Returns the result of the edit.
+int report_not_owned(const found_file &file, const file_copy_failure &failure)
 {
     if (!failure.call)
         return 0;
@@ -50,12 +50,12 @@ int report_owner(const target &file, const file_copy_failure &failure)
     return 1;
 }
 
-int close_input(target &file)
+int close_input(found_file &file)
 {
-    return close(file.input.release()) == 0 ? 0 : report("close", file, errno);
+    return close(file.input.release()) == 0 ? 0 : report_failure("close", file, errno);
 }
 
-int begin_copy(const target &file, file_copy &copy)
+int begin_copy(const found_file &file, file_copy &copy)
 {
     if (file.dir.fd != -1)
         return file_copy_begin(copy, file.path, file.dir, file.name);
@@ -67,13 +67,13 @@ int begin_copy(const target &file, file_copy &copy)
 
 // Reads the file whose copy is begun, from its start or from where its reading stands; after a failure, which is
 // reported, nothing is left of the edit.
-bool load(const target &file, bool from_start, file_copy &copy, content &text)
+bool read_or_drop(const found_file &file, bool from_start, file_copy &copy, content &text)
 {
-    const std::size_t expected = from_start ? static_cast<std::size_t>(file.found.status.st_size) : text_size;
+    const std::size_t expected = from_start ? static_cast<std::size_t>(file.opened.status.st_size) : text_size;
     const int fd = file.input.get();
     if ((!from_start || lseek(fd, 0, SEEK_SET) == 0) && read_rest(fd, text, expected))
         return true;
-    report("read", file, errno);
+    report_failure("read", file, errno);
     file_copy_drop(copy);
     return false;
 }
@@ -81,21 +81,22 @@ bool load(const target &file, bool from_start, file_copy &copy, content &text)
 // Closes the file that was read and then the copy, which first gets its owner and mode, so that no reader finds the
 // lines under looser ones; then puts it in place. `failed` is the error of an earlier write that has no message of its
 // own, or 0. A rename that fails is told as `failure`, on standard error alone or, for null, in a report.
-int finish_copy(target &file, file_copy &copy, int failed, const char *failure)
+int finish_copy(found_file &file, file_copy &copy, int failed, const char *failure)
 {
     if (close_input(file) != 0) {
         file_copy_drop(copy);
         return 1;
     }
-    const file_copy_failure kept = failed == 0 ? file_copy_own(copy.fd, file.found.status) : file_copy_failure{};
-    if (file_copy_close(copy) != 0 && failed == 0)
+    const file_copy_failure not_owned =
+        failed == 0 ? file_copy_own(copy.fd.get(), file.opened.status) : file_copy_failure{};
+    if (close(copy.fd.release()) != 0 && failed == 0)
         failed = errno;
     if (failed != 0) {
         file_copy_drop(copy);
-        return report("close", file, failed);
+        return report_failure("close", file, failed);
     }
     if (file_copy_commit(copy, file.name) == 0)
-        return report_owner(file, kept);
+        return report_not_owned(file, not_owned);
     if (failure)
         file_copy_complain(failure, copy);
     else
@@ -111,33 +112,33 @@ comparison comparison_of(edit action, int mode)
     return mode >= prefix && mode <= substring ? matches[mode] : comparison::never;
 }
 
-int remove_lines(target &file, const char *const *lines, edit action, int mode)
+int remove_lines(found_file &file, const char *const *lines, edit action, int mode)
 {
     if (action == edit::remove && file.error == ENOENT)
         return 1;
     if (file.input.get() < 0)
-        return report("open", file, file.error);
+        return report_failure("open", file, file.error);
     file_copy copy;
     if (begin_copy(file, copy) != 0)
         return 1;
     const comparison how = comparison_of(action, mode);
-    const struct stat &status = file.found.status;
-    const bool has_one_name = S_ISREG(status.st_mode) && status.st_nlink == 1 && !file.found.through_link;
+    const struct stat &status = file.opened.status;
+    const bool has_one_name = S_ISREG(status.st_mode) && status.st_nlink == 1 && !file.opened.through_link;
     content text{};
     bool changes = !has_one_name || search_lines(file.input.get(), lines, how) != finding::none;
     if (changes) {
-        if (!load(file, has_one_name, copy, text))
+        if (!read_or_drop(file, has_one_name, copy, text))
             return 1;
-        const std::size_t kept = drop_lines(text.bytes.get(), text.size, lines, how);
-        changes = !has_one_name || kept != text.size;
-        text.size = kept;
+        const std::size_t left = drop_lines(text.bytes.get(), text.size, lines, how);
+        changes = !has_one_name || left != text.size;
+        text.size = left;
     }
     if (!changes) {
         file_copy_drop(copy);
-        const file_copy_failure kept = file_copy_own(file.input.get(), status);
-        return close_input(file) == 0 ? report_owner(file, kept) : 1;
+        const file_copy_failure not_owned = file_copy_own(file.input.get(), status);
+        return close_input(file) == 0 ? report_not_owned(file, not_owned) : 1;
     }
-    const int failed = write_all(copy.fd, view(text)) == 0 ? 0 : errno;
+    const int failed = write_all(copy.fd.get(), view(text)) == 0 ? 0 : errno;
     if (failed != 0 && action == edit::remove && text.size > stream_buffer) {
         file_copy_drop(copy);
         report_fatal(1, "cannot write a line to %s.tmp", file.path);
@@ -157,25 +158,25 @@ std::string joined(const char *const *lines)
     return text;
 }
 
-int add_at_start(target &file, const char *const *lines)
+int add_at_start(found_file &file, const char *const *lines)
 {
     file_copy copy;
     if (begin_copy(file, copy) != 0)
         return 1;
     const std::string added = joined(lines);
-    int failed = write_all(copy.fd, added) == 0 ? 0 : errno;
+    int failed = write_all(copy.fd.get(), added) == 0 ? 0 : errno;
     if (file.input.get() < 0) {
-        file_copy_close(copy);
-        return report("open", file, file.error);
+        copy.fd = {};
+        return report_failure("open", file, file.error);
     }
-    if (failed != 0 || !copy_within_kernel(file.input.get(), copy.fd)) {
+    if (failed != 0 || !copy_within_kernel(file.input.get(), copy.fd.get())) {
         content text{};
-        if (!load(file, false, copy, text))
+        if (!read_or_drop(file, false, copy, text))
             return 1;
-        if (failed == 0 && write_all(copy.fd, view(text)) != 0)
+        if (failed == 0 && write_all(copy.fd.get(), view(text)) != 0)
             failed = errno;
     }
-    if (failed != 0 && added.size() + static_cast<std::size_t>(file.found.status.st_size) > stream_buffer) {
+    if (failed != 0 && added.size() + static_cast<std::size_t>(file.opened.status.st_size) > stream_buffer) {
         errno = failed;
         report_error(0, 0, "Unable to fputs to file %s: %s\n", file.path, strerror(errno));
         file_copy_drop(copy);
@@ -184,22 +185,22 @@ int add_at_start(target &file, const char *const *lines)
     return finish_copy(file, copy, failed, "Unable to rename file");
 }
 
-int add_at_end(target &file, const char *const *lines)
+int add_at_end(found_file &file, const char *const *lines)
 {
     const bool existed = file.error == 0;
     if (file.error == ENOENT && file.dir.fd != -1) {
-        file.input = owned_fd(safe_open_at(file.dir, file.name, O_WRONLY | O_CREAT | O_APPEND, 0666, file.found));
+        file.input = owned_fd(safe_open_at(file.dir, file.name, O_WRONLY | O_CREAT | O_APPEND, 0666, file.opened));
         file.error = errno;
     }
     if (file.input.get() < 0)
-        return report("open", file, file.error);
+        return report_failure("open", file, file.error);
     int failed = append_all(file.input.get(), joined(lines)) ? 0 : errno;
-    file_copy_failure kept{};
+    file_copy_failure not_owned{};
     if (failed == 0 && existed)
-        kept = file_copy_own(file.input.get(), file.found.status);
+        not_owned = file_copy_own(file.input.get(), file.opened.status);
     if (close(file.input.release()) != 0 && failed == 0)
         failed = errno;
-    return failed == 0 ? report_owner(file, kept) : report("close", file, failed);
+    return failed == 0 ? report_not_owned(file, not_owned) : report_failure("close", file, failed);
 }
 
 // Whether an error comes from finding the file and not from opening it.
@@ -208,9 +209,9 @@ bool is_about_the_way(int error)
     return is_refusal(error) || error == ENOTDIR || error == ENAMETOOLONG;
 }
 
-// Opens the file and looks at what was opened. False with the error in errno when the edit ends there: what an open
-// alone can fail for is left to the step that opens the file.
-bool examine(target &file, int flags)
+// Finds and opens the file. False with the error in errno when the edit ends there; what only an open can fail for is
+// left to the step that needs the open file.
+bool find_and_open(found_file &file, int flags)
 {
     if (strlen(file.path) > max_path) {
         errno = ENAMETOOLONG;
@@ -218,7 +219,7 @@ bool examine(target &file, int flags)
     }
     const int former_errno = errno;
     if (safe_find_dir(file.path, file.dir, file.name))
-        file.input = owned_fd(safe_open_at(file.dir, file.name, flags, 0, file.found));
+        file.input = owned_fd(safe_open_at(file.dir, file.name, flags, 0, file.opened));
     else
         file.dir.fd = -1;
     if (file.input.get() >= 0)
@@ -231,30 +232,23 @@ bool examine(target &file, int flags)
     return true;
 }
 
-edit_end end_of(int result)
-{
-    if (result == 0)
-        return edit_end::done;
-    return is_refusal(errno) ? edit_end::refused : edit_end::failed;
-}
-
-edit_end edit_locked(target &file, const char *const *lines, edit action, int mode)
+int edit_locked(found_file &file, const char *const *lines, edit action, int mode)
 {
     const bool appends = action == edit::add && mode == at_end;
-    if (!examine(file, appends ? O_WRONLY | O_APPEND : O_RDONLY)) {
+    if (!find_and_open(file, appends ? O_WRONLY | O_APPEND : O_RDONLY)) {
         report_error(0, 0, "file_str: Unable to stat file %s: %s\n", file.path, strerror(errno));
-        return end_of(1);
+        return 1;
     }
-    if (file.input.get() >= 0 && file.found.status.st_size > static_cast<off_t>(max_content))
-        return end_of(report("read", file, EFBIG));
+    if (file.input.get() >= 0 && file.opened.status.st_size > static_cast<off_t>(max_content))
+        return report_failure("read", file, EFBIG);
     if (action == edit::remove || action == edit::remove_matching)
-        return end_of(remove_lines(file, lines, action, mode));
+        return remove_lines(file, lines, action, mode);
     if (appends)
-        return end_of(add_at_end(file, lines));
+        return add_at_end(file, lines);
     if (action == edit::add && mode == at_start)
-        return end_of(add_at_start(file, lines));
+        return add_at_start(file, lines);
     const int fd = file.input.get();
-    return fd < 0 ? edit_end::done : end_of(report_owner(file, file_copy_own(fd, file.found.status)));
+    return fd < 0 ? 0 : report_not_owned(file, file_copy_own(fd, file.opened.status));
 }
 
 edit_end edit_file(const char *path, const char *const *lines, edit action, int mode)
@@ -262,21 +256,20 @@ edit_end edit_file(const char *path, const char *const *lines, edit action, int 
     auto lock = lock_file_exclusive(path, 1);
     if (!lock_file_is_held(lock)) {
         report_error(0, 0, "Error occurred while locking the file %s: %s\n", path, strerror(errno));
-        lock_file_release(std::move(lock));
         return edit_end::failed;
     }
-    target file{};
-    file.path = path;
-    const edit_end result = edit_locked(file, lines, action, mode);
-    file = {};
+    found_file file{path};
+    const int result = edit_locked(file, lines, action, mode);
+    file.input = {}; // before the lock
     const int cause = errno;
-    if (lock_file_release(std::move(lock)) != 0 && result == edit_end::done) {
+    if (lock_file_release(std::move(lock)) != 0 && result == 0) {
         report_error(0, 0, "Error occurred while unlocking the file %s: %s\n", path, strerror(errno));
         return edit_end::failed;
     }
-    if (result != edit_end::done)
-        errno = cause;
-    return result;
+    if (result == 0)
+        return edit_end::done;
+    errno = cause;
+    return is_refusal(cause) ? edit_end::refused : edit_end::failed;
 }
 
 int make_file(const char *path, int flags, const char *verb)

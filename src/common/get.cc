@@ -18,11 +18,6 @@ text limit_buffer;
 text service_param_buffer;
 text client_email_buffer;
 
-int send_query(MYSQL *db, const char *query)
-{
-    return mysql_real_query(db, query, strlen(query));
-}
-
 // Copies a column of the first row of the query that was just sent; "" when there is none.
 void fetch_value(MYSQL *db, unsigned column, text &value)
 {
@@ -31,30 +26,18 @@ void fetch_value(MYSQL *db, unsigned column, text &value)
     format_text(value, "%s", row && row[column] ? row[column] : "");
 }
 
-// Sends the query in the buffer and puts its answer in the same place. `failure` names what was asked for.
-const char *ask(MYSQL *db, text &buffer, const char *failure, const char *name)
+// Sends the query in the buffer and puts its value in the same place. `kind` and `name` say what was asked for.
+const char *get_domain_value(MYSQL *connection, text &buffer, const char *kind, const char *name)
 {
-    if (send_query(db, buffer) != 0) {
-        report_error(0, 0, "Unable to query domain %s %s: %s\n", failure, name, mysql_error(db));
+    const db_loan loan = lend_or_open(connection, 0);
+    if (!loan.db)
+        return nullptr;
+    if (mysql_query(loan.db, buffer) != 0) {
+        report_error(0, 0, "Unable to query domain %s %s: %s\n", kind, name, mysql_error(loan.db));
         return nullptr;
     }
-    fetch_value(db, 0, buffer);
+    fetch_value(loan.db, 0, buffer);
     return buffer;
-}
-
-// The address of the owner that was just asked for, else the administrator's.
-const char *choose_email(MYSQL *db)
-{
-    fetch_value(db, 0, client_email_buffer);
-    if (*client_email_buffer.bytes != '\0')
-        return client_email_buffer;
-    const char *admin_email = get_misc_param("admin_email", db);
-    if (!admin_email || admin_email[0] == '\0') {
-        report_error(0, 0, "Unable to define admin email\n");
-        return nullptr;
-    }
-    format_text(client_email_buffer, "%s", admin_email);
-    return client_email_buffer;
 }
 
 } // namespace
@@ -106,22 +89,16 @@ const char *get_misc_param(const char *name, MYSQL *connection)
 const char *get_dom_Limit(const char *domain_id, const char *limit_name, MYSQL *connection)
 {
     assert(is_plain_text(domain_id) && is_plain_text(limit_name));
-    const db_loan loan = lend_or_open(connection, 0);
-    if (!loan.db)
-        return nullptr;
     format_text(limit_buffer, limit_query, domain_id, limit_name);
-    return ask(loan.db, limit_buffer, "limit", limit_name);
+    return get_domain_value(connection, limit_buffer, "limit", limit_name);
 }
 
 const char *get_DomainService_Parameter(const char *domain_id, const char *service_type, const char *parameter,
                                         MYSQL *connection)
 {
     assert(is_plain_text(domain_id) && is_plain_text(service_type) && is_plain_text(parameter));
-    const db_loan loan = lend_or_open(connection, 0);
-    if (!loan.db)
-        return nullptr;
     format_text(service_param_buffer, service_parameter_query, domain_id, service_type, parameter);
-    return ask(loan.db, service_param_buffer, "parameter", parameter);
+    return get_domain_value(connection, service_param_buffer, "parameter", parameter);
 }
 
 const char *get_client_email(const char *domain_id, MYSQL *connection)
@@ -130,11 +107,20 @@ const char *get_client_email(const char *domain_id, MYSQL *connection)
     const db_loan loan = lend_or_open(connection, 0);
     if (!loan.db)
         return nullptr;
-    const text query = formatted(client_email_query, domain_id);
-    if (send_query(loan.db, query) == 0)
-        return choose_email(loan.db);
-    report_error(0, 0, "Unable to define clients email: %s\n", mysql_error(loan.db));
-    return nullptr;
+    if (mysql_query(loan.db, formatted(client_email_query, domain_id)) != 0) {
+        report_error(0, 0, "Unable to define clients email: %s\n", mysql_error(loan.db));
+        return nullptr;
+    }
+    fetch_value(loan.db, 0, client_email_buffer);
+    if (*client_email_buffer.bytes != '\0')
+        return client_email_buffer;
+    const char *admin_email = get_misc_param("admin_email", loan.db);
+    if (!admin_email || admin_email[0] == '\0') {
+        report_error(0, 0, "Unable to define admin email\n");
+        return nullptr;
+    }
+    format_text(client_email_buffer, "%s", admin_email);
+    return client_email_buffer;
 }
 
 void get_component_version(const char *package, char *output, std::size_t size)
@@ -142,8 +128,7 @@ void get_component_version(const char *package, char *output, std::size_t size)
     const owned_db db = panel_db_open();
     if (!db)
         report_fatal(1, "Unable to connect to the Velqa database");
-    const text query = formatted(component_query, db_escape(db.get(), package).get());
-    if (mysql_query(db.get(), query) != 0)
+    if (mysql_query(db.get(), formatted(component_query, db_escape(db.get(), package).get())) != 0)
         report_fatal(1, "Error during mysql_query: %s", mysql_error(db.get()));
     const owned_rows result(mysql_store_result(db.get()));
     if (!result)

@@ -5,9 +5,10 @@
 #include <cstddef>
 
 // Single values from the panel database. A lookup uses the caller's connection, or, given null, opens one and closes
-// it. It returns a text in a static buffer of its own, cut to 4095 bytes, which its next call overwrites: "" for no
-// row, a NULL or rows that cannot be fetched. It returns null after a report (not fatal) when it cannot connect or
-// query; a failed connection is reported with its reason, then as "Unable to connect to the mysql database\n".
+// it. It returns a text, cut to 4095 bytes: "" for no row, a NULL or rows that cannot be fetched. The text lies in a
+// static buffer, which the next call overwrites; get_param_by_query, get_param_simple and get_misc_param share one,
+// each other lookup has its own. When it cannot connect or query, a lookup returns null after a report (not fatal). A
+// failed connection is reported with its reason and then as "Unable to connect to the mysql database\n".
 //
 // The texts that a lookup quotes in its query (`value` and `name`; an id, limit, service type and parameter) must be
 // null or free of \ " and '. This is asserted in every build. Other texts need db_escape and the caller's own query.
@@ -24,24 +25,26 @@ struct db_loan {
 // `lent`, or a new connection when that is null. The second report of a failure gets this system_error_flag.
 db_loan lend_or_open(MYSQL *lent, int system_error_flag);
 
-// The lookups up to get_misc_param share one buffer.
-// A column, from 0, of the query's first row. A failed query: "Unable to query parameter by query %s: %s\n".
+// A column, from 0, of the query's first row. Reports a failed query as "Unable to query parameter by query %s: %s\n".
 const char *get_param_by_query(const char *query, MYSQL *connection, unsigned column);
-// The value_column of the first row whose key_column equals `value`.
+
+// By get_param_by_query: the value_column of the first row whose key_column equals `value`.
 const char *get_param_simple(const char *value, const char *table, const char *key_column, const char *value_column,
                              MYSQL *connection);
-// A panel-wide setting.
+
+// By get_param_simple: a panel-wide setting.
 const char *get_misc_param(const char *name, MYSQL *connection);
 
-// A limit of a domain. A failed query: "Unable to query domain limit %s: %s\n".
+// A limit of a domain. Reports a failed query as "Unable to query domain limit %s: %s\n".
 const char *get_dom_Limit(const char *domain_id, const char *limit_name, MYSQL *connection);
 
-// A parameter of a domain's service. A failed query: "Unable to query domain parameter %s: %s\n".
+// A parameter of a domain's service. Reports a failed query as "Unable to query domain parameter %s: %s\n".
 const char *get_DomainService_Parameter(const char *domain_id, const char *service_type, const char *parameter,
                                         MYSQL *connection);
 
-// The e-mail address of a domain's owner or, when that is empty, of the panel's administrator, from get_misc_param. A
-// failed query: "Unable to define clients email: %s\n". No address at all: "Unable to define admin email\n" and null.
+// The e-mail address of a domain's owner or, when that is empty, of the panel's administrator, from
+// get_misc_param. Reports a failed query as "Unable to define clients email: %s\n". Returns null, after "Unable to
+// define admin email\n", when there is neither.
 const char *get_client_email(const char *domain_id, MYSQL *connection);
 
 // Copies the installed version of a panel component to `output`, cut to `size` bytes with the terminator. Opens and

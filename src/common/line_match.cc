@@ -116,22 +116,23 @@ finding search_lines(int fd, const char *const *strings, comparison how)
     if (overlap > sizeof block / 2)
         return finding::possible;
     block[0] = '\n';
-    std::size_t held = 1;
+    std::size_t filled = 1;
     std::size_t behind = 0;
     for (;;) {
-        const ssize_t got = read(fd, block + held, sizeof block - held);
+        const ssize_t got = read(fd, block + filled, sizeof block - filled);
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0)
             return finding::failed;
         if (got == 0)
-            block[held++] = '\n'; // there is room: a full block is never kept
-        const std::size_t end = held + static_cast<std::size_t>(got);
-        if (!has_whole_lines({block + held, static_cast<std::size_t>(got)}, behind) || holds_any({block, end}, needles))
+            block[filled++] = '\n'; // there is room: a full block is never kept
+        const std::size_t end = filled + static_cast<std::size_t>(got);
+        if (!has_whole_lines({block + filled, static_cast<std::size_t>(got)}, behind) ||
+            holds_any({block, end}, needles))
             return finding::possible;
         if (got == 0)
             return finding::none;
-        held = std::min(end, overlap);
-        memmove(block, block + end - held, held);
+        filled = std::min(end, overlap);
+        memmove(block, block + end - filled, filled);
     }
 }

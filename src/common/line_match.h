@@ -15,7 +15,7 @@ std::size_t drop_lines(char *text, std::size_t size, const char *const *strings,
 
 enum class finding { none, possible, failed };
 
-// Reads an open file from its current offset to its end and returns whether drop_lines could remove anything of it:
-// `none` is certain, `possible` is not, `failed` leaves the error in errno. Needs 64 KiB of stack, whatever the file's
-// size, and is many times faster than looking line by line.
+// Reads an open file from its current offset, at most to its end, and returns whether drop_lines could remove anything
+// of it: `none` is certain, `possible` is not, `failed` leaves the error in errno. Needs 64 KiB of stack, whatever the
+// file's size, and is many times faster than looking line by line.
 finding search_lines(int fd, const char *const *strings, comparison how);

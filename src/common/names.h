@@ -12,7 +12,8 @@
 bool is_unfit_name(const char *name);
 
 // The same for the ASCII form of a domain or domain alias (the stored name, if it has none), with "@" unfit too. Also
-// true when the ASCII form has a quote, backslash or blank that the stored name lacks, or alone begins with a dot.
+// true when the ASCII form has a quote, backslash or blank that the stored name lacks, or begins with a dot where the
+// stored name does not.
 bool is_unfit_domain(const char *name);
 
 // True for an address or setting with a control character, which could end its line.

@@ -4,7 +4,6 @@
 #include "common/queries.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -105,16 +104,11 @@ owned_db panel_db_open()
 
 owned_rows panel_db_rows(MYSQL *db, const char *query)
 {
-    return owned_rows(mysql_real_query(db, query, strlen(query)) == 0 ? mysql_store_result(db) : nullptr);
+    return owned_rows(mysql_query(db, query) == 0 ? mysql_store_result(db) : nullptr);
 }
 
-owned_rows panel_db_rows_safe(MYSQL *db, int system_error_flag, const char *what, const char *format, ...)
+owned_rows panel_db_rows_safe(MYSQL *db, int system_error_flag, const char *what, const char *query)
 {
-    text query;
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(query.bytes, sizeof query.bytes, format, arguments);
-    va_end(arguments);
     owned_rows rows = panel_db_rows(db, query);
     if (!rows)
         report_fatal(system_error_flag, "Unable to query %s: %s", what, mysql_error(db));

@@ -25,7 +25,5 @@ owned_db panel_db_open();
 // Sends a query and returns its whole result, or null with the reason in mysql_error(). Reports nothing.
 owned_rows panel_db_rows(MYSQL *db, const char *query);
 
-// panel_db_rows of a query that is formatted here and cut to 4095 bytes. A failure ends the process with "Unable to
-// query WHAT: %s" and this system_error_flag.
-owned_rows panel_db_rows_safe(MYSQL *db, int system_error_flag, const char *what, const char *format, ...)
-    __attribute__((format(printf, 4, 5)));
+// panel_db_rows whose failure ends the process: "Unable to query WHAT: %s", with this system_error_flag.
+owned_rows panel_db_rows_safe(MYSQL *db, int system_error_flag, const char *what, const char *query);

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the program asks the panel's database, as formats of printf: whoever wants to know beforehand whether a run may
-// ask it has the same texts.
+// What the program asks the panel's database, as formats of printf. They stand here so that a check before a run tries
+// the very texts that the run will send.
 
 // The rebuild pass. `domains_query` has none but the domains with the mail service.
 inline constexpr char domains_query[] = "SELECT d.id, d.name, d.status, s.status FROM domains d "

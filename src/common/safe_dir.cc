@@ -15,20 +15,6 @@ namespace {
 constexpr int max_links = 40; // as many as the kernel follows in one path
 constexpr int dir_flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
-// A directory on the way.
-struct held_dir {
-    owned_fd fd;
-    struct stat status;
-    bool is_settled; // nobody but root can put another in its place
-    bool is_alone;
-    bool is_followed;
-};
-
-safe_dir view(const held_dir &held)
-{
-    return {held.fd.get(), held.status, held.is_alone, held.is_followed};
-}
-
 bool fail(int error)
 {
     errno = error;
@@ -40,38 +26,44 @@ bool is_root_only(const struct stat &dir)
     return dir.st_uid == 0 && (dir.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// Goes on to what was just opened; false when it was not.
-bool enter(held_dir &at, int opened, bool is_settled)
+void set_settled(safe_dir &dir, bool is_settled)
 {
-    owned_fd fd(opened);
+    dir.is_settled = is_settled;
+    dir.is_alone = is_settled && is_root_only(dir.status);
+}
+
+// Goes on to what was just opened; false when it was not.
+bool move_to(held_dir &at, int opened, bool is_settled)
+{
+    owned_fd owner(opened);
     if (opened < 0 || fstat(opened, &at.status) != 0)
         return false;
-    at.fd = std::move(fd);
-    at.is_settled = is_settled;
-    at.is_alone = is_settled && is_root_only(at.status);
+    at.fd = opened;
+    at.owner = std::move(owner);
+    set_settled(at, is_settled);
     return true;
 }
 
 // Whether an entry of a directory is settled: where others may write, the sticky bit keeps them from root's entries.
-bool is_settled_in(const held_dir &dir, const struct stat &entry)
+bool is_settled_in(const safe_dir &dir, const struct stat &entry)
 {
     const bool is_sticky = dir.status.st_uid == 0 && (dir.status.st_mode & S_ISVTX) != 0 && entry.st_uid == 0;
     return dir.is_settled && (is_root_only(dir.status) || is_sticky);
 }
 
-bool walk(held_dir &at, std::string ahead, int &links);
+bool walk_path(held_dir &at, std::string ahead, int &links);
 
 // Begins at the root or at the current directory. Where that lies is looked at only when it may be root's alone.
-bool begin(held_dir &at, bool is_absolute)
+bool begin_walk(held_dir &at, bool is_absolute)
 {
     if (is_absolute)
-        return enter(at, open("/", dir_flags), true);
+        return move_to(at, open("/", dir_flags), true);
     text here;
-    held_dir named{};
+    held_dir named;
     int links = 0;
-    if (!enter(at, open(".", dir_flags), false) || !is_root_only(at.status) || !getcwd(here.bytes, sizeof here.bytes))
-        return at.fd.get() >= 0;
-    const bool is_same = enter(named, open("/", dir_flags), true) && walk(named, here.bytes, links) &&
+    if (!move_to(at, open(".", dir_flags), false) || !is_root_only(at.status) || !getcwd(here.bytes, sizeof here.bytes))
+        return at.fd >= 0;
+    const bool is_same = move_to(named, open("/", dir_flags), true) && walk_path(named, here.bytes, links) &&
                          named.status.st_dev == at.status.st_dev && named.status.st_ino == at.status.st_ino;
     at.is_settled = at.is_alone = is_same && named.is_alone;
     return true;
@@ -88,15 +80,15 @@ bool read_link(int dir, const char *name, int &links, std::string &target)
 }
 
 // Goes into one entry of the directory. A link of root's is put in its place at the front of what is ahead.
-bool step(held_dir &at, const char *name, std::string &ahead, int &links)
+bool enter_part(held_dir &at, const char *name, std::string &ahead, int &links)
 {
-    held_dir entry{owned_fd(), {}, false, false, at.is_followed};
+    held_dir entry;
     std::string target;
-    if (!enter(entry, openat(at.fd.get(), name, O_PATH | O_NOFOLLOW | O_CLOEXEC), false))
+    entry.is_followed = at.is_followed;
+    if (!move_to(entry, openat(at.fd, name, O_PATH | O_NOFOLLOW | O_CLOEXEC), false))
         return false;
     if (S_ISDIR(entry.status.st_mode)) {
-        entry.is_settled = is_settled_in(at, entry.status);
-        entry.is_alone = entry.is_settled && is_root_only(entry.status);
+        set_settled(entry, is_settled_in(at, entry.status));
         at = std::move(entry);
         return true;
     }
@@ -104,26 +96,26 @@ bool step(held_dir &at, const char *name, std::string &ahead, int &links)
         return fail(at.is_alone || is_usable(at.status, entry.status) ? ENOTDIR : EMLINK);
     if (!at.is_alone || entry.status.st_uid != 0) {
         at.is_followed = true;
-        return enter(at, safe_follow(view(at), name, entry.status.st_uid, dir_flags), false);
+        return move_to(at, safe_follow(at, name, entry.status.st_uid, dir_flags), false);
     }
-    if (!read_link(entry.fd.get(), "", links, target))
+    if (!read_link(entry.fd, "", links, target))
         return false;
     ahead.insert(0, target + "/");
     return true;
 }
 
 // Goes into every part of a path.
-bool walk(held_dir &at, std::string ahead, int &links)
+bool walk_path(held_dir &at, std::string ahead, int &links)
 {
     for (;;) {
-        if (ahead.starts_with('/') && !enter(at, open("/", dir_flags), true))
+        if (ahead.starts_with('/') && !move_to(at, open("/", dir_flags), true))
             return false;
         ahead.erase(0, ahead.find_first_not_of('/'));
         if (ahead.empty())
             return true;
         const std::string name = ahead.substr(0, ahead.find('/'));
         ahead.erase(0, ahead.find_first_not_of('/', name.size()));
-        if (name != "." && !step(at, name.c_str(), ahead, links))
+        if (name != "." && !enter_part(at, name.c_str(), ahead, links))
             return false;
     }
 }
@@ -145,17 +137,12 @@ split_path split(const char *path)
 // is left to the kernel. The others are held open; one whose path has come to lead elsewhere is walked to again.
 struct known_dir {
     std::string path;
-    held_dir dir;
-    unsigned long used; // the greater, the later
+    held_dir dir;           // AT_FDCWD where its path is left to the kernel
+    unsigned long used = 0; // the greater, the later
 };
 
 std::array<known_dir, 12> known_dirs;
 unsigned long uses = 0;
-
-bool is_left_to_kernel(const std::string &path, const held_dir &dir)
-{
-    return dir.is_alone && path.starts_with('/');
-}
 
 const held_dir *find_known(const std::string &path)
 {
@@ -164,9 +151,8 @@ const held_dir *find_known(const std::string &path)
     if (known == known_dirs.end())
         return nullptr;
     struct stat now = known->dir.status;
-    if (!is_left_to_kernel(known->path, known->dir) &&
-        (stat(path.c_str(), &now) != 0 || now.st_dev != known->dir.status.st_dev ||
-         now.st_ino != known->dir.status.st_ino)) {
+    if (known->dir.fd != AT_FDCWD && (stat(path.c_str(), &now) != 0 || now.st_dev != known->dir.status.st_dev ||
+                                      now.st_ino != known->dir.status.st_ino)) {
         *known = {};
         return nullptr;
     }
@@ -179,8 +165,10 @@ const held_dir *remember(const std::string &path, held_dir dir)
 {
     const auto oldest = std::min_element(known_dirs.begin(), known_dirs.end(),
                                          [](const auto &one, const auto &other) { return one.used < other.used; });
-    if (is_left_to_kernel(path, dir))
-        dir.fd = owned_fd();
+    if (dir.is_alone && path.starts_with('/')) {
+        dir.owner = {};
+        dir.fd = AT_FDCWD;
+    }
     *oldest = {path, std::move(dir), ++uses};
     return &oldest->dir;
 }
@@ -193,21 +181,20 @@ const held_dir *find_dir(const std::string &path)
     const std::string bare = path.substr(0, path.find_last_not_of('/') + 1);
     const split_path parts = split(bare.c_str());
     const held_dir *parent = bare.empty() ? nullptr : find_known(parts.dir);
-    held_dir at{owned_fd(), {}, false, false, parent && parent->is_followed};
-    int links = 0;
+    held_dir at;
     if (parent) {
-        const bool is_held = parent->fd.get() >= 0;
-        const bool entered = enter(
-            at,
-            openat(is_held ? parent->fd.get() : AT_FDCWD, is_held ? parts.name : bare.c_str(), dir_flags | O_NOFOLLOW),
-            false);
-        at.is_settled = entered && is_settled_in(*parent, at.status);
-        at.is_alone = at.is_settled && is_root_only(at.status);
-        if (entered || errno != ENOTDIR)
-            return entered ? remember(path, std::move(at)) : nullptr;
+        const char *name = parent->fd == AT_FDCWD ? bare.c_str() : parts.name;
+        if (move_to(at, openat(parent->fd, name, dir_flags | O_NOFOLLOW), false)) {
+            at.is_followed = parent->is_followed;
+            set_settled(at, is_settled_in(*parent, at.status));
+            return remember(path, std::move(at));
+        }
+        if (errno != ENOTDIR)
+            return nullptr;
     }
-    at.is_followed = false;
-    return begin(at, path.starts_with('/')) && walk(at, path, links) ? remember(path, std::move(at)) : nullptr;
+    int links = 0;
+    return begin_walk(at, path.starts_with('/')) && walk_path(at, path, links) ? remember(path, std::move(at))
+                                                                               : nullptr;
 }
 
 } // namespace
@@ -224,17 +211,15 @@ bool safe_find_dir(const char *path, safe_dir &dir, const char *&name)
         return fail(ENOENT);
     const split_path parts = split(path);
     name = parts.name;
-    dir = {AT_FDCWD, {}, false, false};
+    dir = {AT_FDCWD};
     if (parts.dir == "./" && (stat(".", &dir.status) != 0 || !is_root_only(dir.status)))
         return dir.status.st_mode != 0;
     const held_dir *found = find_dir(parts.dir);
     if (!found)
         return false;
-    dir = view(*found);
-    if (is_left_to_kernel(parts.dir, *found)) {
-        dir.fd = AT_FDCWD;
+    dir = *found;
+    if (dir.fd == AT_FDCWD)
         name = path;
-    }
     errno = former_errno;
     return true;
 }
@@ -242,17 +227,13 @@ bool safe_find_dir(const char *path, safe_dir &dir, const char *&name)
 bool safe_find_end(const safe_dir &dir, const char *name, int &links, safe_end &end)
 {
     std::string target;
-    held_dir at{owned_fd(), {}, false, false, dir.is_followed};
+    end.dir.is_followed = dir.is_followed;
     if (!read_link(dir.fd, name, links, target) ||
-        !enter(at, openat(dir.fd, split(name).dir.c_str(), dir_flags), dir.is_alone))
+        !move_to(end.dir, openat(dir.fd, split(name).dir.c_str(), dir_flags), dir.is_alone))
         return false;
     const split_path parts = split(target.c_str());
-    if (!walk(at, parts.dir, links))
-        return false;
-    end.dir = view(at);
-    end.fd = std::move(at.fd);
     end.name = parts.name;
-    return true;
+    return walk_path(end.dir, parts.dir, links);
 }
 
 int safe_follow(const safe_dir &dir, const char *name, uid_t link_owner, int flags)

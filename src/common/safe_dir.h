@@ -9,18 +9,23 @@
 // safe_open that is about links and directories. Each directory of the path is held open while its entry is examined. A
 // failure leaves its error in errno and reports nothing.
 
-// A directory to find an entry in, open or AT_FDCWD, with its status when it was examined. The descriptor is borrowed.
+// A directory to find an entry in, with its status when it was examined. The descriptor is borrowed.
 struct safe_dir {
-    int fd;
-    struct stat status;
-    bool is_alone;    // root's alone
-    bool is_followed; // a link of somebody else's led to it or to one on the way
+    int fd = -1; // or AT_FDCWD
+    struct stat status = {};
+    bool is_settled = false;  // nobody but root can put another in its place
+    bool is_alone = false;    // root's alone
+    bool is_followed = false; // a link of somebody else's led to it or to one on the way
 };
 
-// Where a link leads: the directory, which this record holds open, its status, and the name of the entry in it.
+// A directory that this record holds open.
+struct held_dir : safe_dir {
+    owned_fd owner;
+};
+
+// Where a link leads: the directory, and the name of the entry in it.
 struct safe_end {
-    owned_fd fd;
-    safe_dir dir;
+    held_dir dir;
     std::string name;
 };
 
@@ -29,9 +34,10 @@ struct safe_end {
 bool is_usable(const struct stat &dir, const struct stat &entry);
 
 // Finds the directory that holds the entry that a path names, and the entry's name for openat(): the path's last part,
-// or "." for a path that ends in a slash. Where every directory of the path is root's alone, `name` is the whole path
-// and the descriptor AT_FDCWD. `name` points into the path or to a literal. The descriptor is valid until the next
-// call. A directory found before is not looked for again while its path leads to it. Returns false on failure.
+// or "." for a path that ends in a slash. `name` points into the path or to a literal. The descriptor is valid until
+// the next call. It is AT_FDCWD in two cases: for an absolute path whose directories are all root's alone, where `name`
+// is the whole path, and for a mere name in a current directory that is not root's alone. A directory found before is
+// not looked for again while its path leads to it. Returns false on failure.
 bool safe_find_dir(const char *path, safe_dir &dir, const char *&name);
 
 // Finds where a link leads that root made in a directory that is root's alone, part by part; the last part may be

@@ -12,7 +12,7 @@ namespace {
 constexpr int max_tries = 20; // at a place where somebody keeps changing what stands there
 
 // How something is to be opened.
-struct request {
+struct open_request {
     int flags;
     mode_t mode;
     bool is_lock;
@@ -25,13 +25,14 @@ int fail(int error)
     return -1;
 }
 
-// Judges what was opened in a directory that is not root's alone, and empties it if that is wanted.
-bool accept(const safe_dir &dir, int fd, const request &wanted, safe_opened &opened)
+// Judges what was opened in a directory that is not root's alone, and empties it if that is wanted. False for what may
+// not be used.
+bool may_use(const safe_dir &dir, int fd, const open_request &wanted, safe_opened &opened)
 {
     if (fstat(fd, &opened.status) != 0)
         return false;
-    opened.stays_his = S_ISREG(opened.status.st_mode);
-    if (wanted.is_lock && opened.stays_his)
+    opened.keeps_owner = S_ISREG(opened.status.st_mode);
+    if (wanted.is_lock && opened.keeps_owner)
         return true;
     if (!is_usable(dir.status, opened.status))
         return fail(EMLINK) == 0;
@@ -39,23 +40,23 @@ bool accept(const safe_dir &dir, int fd, const request &wanted, safe_opened &ope
 }
 
 // Makes a file where nothing stands; one that takes the place of a regular file gets that one's group and mode.
-int make_entry(const safe_dir &dir, const char *name, const request &wanted, const struct stat &former)
+int make_entry(const safe_dir &dir, const char *name, const open_request &wanted, const struct stat &former)
 {
     // In a directory of root's whoever left the former file chose its mode for a file that is root's now.
     const bool replaces = S_ISREG(former.st_mode) && dir.status.st_uid != 0;
-    const mode_t kept = former.st_gid == dir.status.st_gid ? 07777 : 01777; // nobody gets another's group by it
+    const mode_t kept_bits = former.st_gid == dir.status.st_gid ? 07777 : 01777; // nobody gets another's group by it
     owned_fd made(openat(dir.fd, name, wanted.flags | O_CREAT | O_EXCL, replaces ? 0600 : wanted.mode));
     if (made.get() < 0 || (fchown(made.get(), dir.status.st_uid, replaces ? former.st_gid : dir.status.st_gid) == 0 &&
-                           (!replaces || fchmod(made.get(), former.st_mode & kept) == 0)))
+                           (!replaces || fchmod(made.get(), former.st_mode & kept_bits) == 0)))
         return made.release();
     const int cause = errno;
     unlinkat(dir.fd, name, 0);
     return fail(cause);
 }
 
-int open_entry(const safe_dir &dir, const char *name, request &wanted, safe_opened &opened);
+int open_entry(const safe_dir &dir, const char *name, open_request &wanted, safe_opened &opened);
 
-int open_end(const safe_dir &dir, const char *name, request &wanted, safe_opened &opened)
+int open_link_end(const safe_dir &dir, const char *name, open_request &wanted, safe_opened &opened)
 {
     safe_end end;
     if (!safe_find_end(dir, name, wanted.links, end))
@@ -65,7 +66,7 @@ int open_end(const safe_dir &dir, const char *name, request &wanted, safe_opened
     return fd;
 }
 
-int open_entry(const safe_dir &dir, const char *name, request &wanted, safe_opened &opened)
+int open_entry(const safe_dir &dir, const char *name, open_request &wanted, safe_opened &opened)
 {
     const bool is_alone = dir.is_alone;
     const bool wants_dir = (wanted.flags & O_DIRECTORY) != 0;
@@ -73,7 +74,7 @@ int open_entry(const safe_dir &dir, const char *name, request &wanted, safe_open
     struct stat entry = {};
     for (int tries = 0; tries < max_tries; ++tries) {
         owned_fd fd(openat(dir.fd, name, flags, wanted.mode));
-        if (fd.get() >= 0 && (is_alone || wants_dir || accept(dir, fd.get(), wanted, opened)))
+        if (fd.get() >= 0 && (is_alone || wants_dir || may_use(dir, fd.get(), wanted, opened)))
             return fd.release();
         const int cause = errno;
         if (fd.get() < 0 && cause == ENOENT && !is_alone && (wanted.flags & O_CREAT) != 0) {
@@ -83,10 +84,10 @@ int open_entry(const safe_dir &dir, const char *name, request &wanted, safe_open
             continue;
         }
         if (cause == ENOENT || fstatat(dir.fd, name, &entry, AT_SYMLINK_NOFOLLOW) != 0)
-            return -1;
+            return fail(cause);
         const bool is_link = S_ISLNK(entry.st_mode);
         if (is_link && is_alone && entry.st_uid == 0)
-            return open_end(dir, name, wanted, opened);
+            return open_link_end(dir, name, wanted, opened);
         if (is_link && wants_dir) {
             opened.is_followed = true;
             return safe_follow(dir, name, entry.st_uid, wanted.flags);
@@ -105,7 +106,7 @@ int open_entry(const safe_dir &dir, const char *name, request &wanted, safe_open
 int open_at(const safe_dir &dir, const char *name, int flags, mode_t mode, bool is_lock, safe_opened &opened)
 {
     const int former_errno = errno;
-    request wanted = {flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode, is_lock, 0};
+    open_request wanted = {flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode, is_lock, 0};
     opened = {};
     const int fd = open_entry(dir, name, wanted, opened);
     if (fd >= 0)
@@ -158,7 +159,7 @@ std::string without_slashes(std::string path)
 
 int give_owner(int fd, const safe_opened &opened, uid_t uid, gid_t gid)
 {
-    return fchown(fd, opened.stays_his ? static_cast<uid_t>(-1) : uid, gid);
+    return fchown(fd, opened.keeps_owner ? static_cast<uid_t>(-1) : uid, gid);
 }
 
 } // namespace

@@ -39,9 +39,9 @@ int safe_open_lock(const char *path, int flags, mode_t mode);
 // What was opened.
 struct safe_opened {
     struct stat status;
-    bool through_link;
-    bool is_followed; // through a link that is not root's in a directory that is root's alone
-    bool stays_his;   // it keeps its owner: a regular file in a directory that is not root's alone
+    bool through_link; // of root's, in a directory that is root's alone
+    bool is_followed;  // through any other link
+    bool keeps_owner;  // it keeps its owner: a regular file in a directory that is not root's alone
 };
 
 // safe_open of an entry that safe_find_dir has found. Fills `opened` when it succeeds.
@@ -50,8 +50,8 @@ int safe_open_at(const safe_dir &dir, const char *name, int flags, mode_t mode, 
 // Makes a directory with this mode less the umask. Returns 0 or -1. The path may end in slashes.
 int safe_mkdir(const char *path, mode_t mode);
 
-// What a path should name. With `directory` a link as its last part is followed as where a directory is wanted; a path
-// that names no directory counts as `file`.
+// What a path should name. With `directory` a directory is wanted: a link as the path's last part is followed. A path
+// that names no directory then counts as `file`.
 enum class safe_kind { file, directory };
 
 // Set an owner and a group, or a mode. Return 0 or -1.

@@ -23,8 +23,8 @@ void fill_standard_descriptors()
 // any other. And no child could be waited for while a caller's SIGCHLD is ignored.
 void settle_signals()
 {
-    signal(SIGPIPE, SIG_IGN);
-    signal(SIGXFSZ, SIG_IGN);
+    for (const int number : write_signals)
+        signal(number, SIG_IGN);
     signal(SIGCHLD, SIG_DFL);
 }
 

@@ -11,13 +11,13 @@ namespace {
 
 bool fill(file_copy &copy, std::string_view bytes, const struct stat &status, bool to_disk)
 {
-    if (write_all(copy.fd, bytes) != 0)
+    if (write_all(copy.fd.get(), bytes) != 0)
         return false;
-    if (const file_copy_failure failure = file_copy_own(copy.fd, status); failure.call) {
+    if (const file_copy_failure failure = file_copy_own(copy.fd.get(), status); failure.call) {
         errno = failure.error;
         return false;
     }
-    return !to_disk || fsync(copy.fd) == 0;
+    return !to_disk || fsync(copy.fd.get()) == 0;
 }
 
 bool make_directory(const char *path, const struct stat &status)
@@ -37,11 +37,7 @@ bool put_file(const std::string &path, std::string_view bytes, const struct stat
     file_copy copy;
     if (!safe_find_dir(path.c_str(), dir, name) || file_copy_begin(copy, path.c_str(), dir, name) != 0)
         return false;
-    if (!fill(copy, bytes, status, to_disk)) {
-        file_copy_drop(copy);
-        return false;
-    }
-    if (file_copy_close(copy) != 0) {
+    if (!fill(copy, bytes, status, to_disk) || close(copy.fd.release()) != 0) {
         file_copy_drop(copy);
         return false;
     }

@@ -36,7 +36,7 @@ constexpr const char *usage_text = "Usage: mboxfix [OPTION]\n"
 [[noreturn]] void end_with_usage()
 {
     puts(usage_text);
-    end_process(0);
+    exit(0);
 }
 
 const option &find_option(std::string_view word)

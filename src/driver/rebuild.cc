@@ -102,12 +102,6 @@ bool is_set(const char *column)
     return column && strcmp(column, "false") != 0;
 }
 
-int short_pop3_names_allowed(MYSQL *db)
-{
-    const char *value = get_misc_param("allow_short_pop3_names", db);
-    return !value || strcmp(value, "disabled") != 0;
-}
-
 // Writes or removes the quota of a domain (mail_name null) or a mail name from its text in bytes.
 void rebuild_quota(const char *domain, const char *name, const char *text)
 {
@@ -133,7 +127,8 @@ bool is_taken(rebuild_pass &pass, std::set<std::string> &seen, const char *domai
 
 void rebuild_domain_aliases(rebuild_pass &pass, const domain_row &domain)
 {
-    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "domain aliases", domain_aliases_query, domain.id, 0U);
+    const owned_rows rows =
+        panel_db_rows_safe(pass.db, 1, "domain aliases", formatted(domain_aliases_query, domain.id, 0U));
     std::set<std::string> seen;
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
         const char *alias = row[0];
@@ -174,7 +169,7 @@ void rebuild_forward(const domain_row &domain, const MYSQL_ROW mail, const char 
 
 void rebuild_group(const rebuild_pass &pass, const domain_row &domain, const MYSQL_ROW mail)
 {
-    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "mailgroup members", group_query, mail[mail_id]);
+    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "mailgroup members", formatted(group_query, mail[mail_id]));
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
         if (row[0])
             rebuild_forward(domain, mail, row[0]);
@@ -182,7 +177,8 @@ void rebuild_group(const rebuild_pass &pass, const domain_row &domain, const MYS
 
 void rebuild_mail_aliases(const rebuild_pass &pass, const domain_row &domain, const MYSQL_ROW mail)
 {
-    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "alias for mail", mail_aliases_query, mail[mail_id]);
+    const owned_rows rows =
+        panel_db_rows_safe(pass.db, 1, "alias for mail", formatted(mail_aliases_query, mail[mail_id]));
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
         if (is_unfit_name(row[0]))
             report_error(0, 0, "Warning: mail alias %s of %s is passed over: the name is unfit\n", row[0], domain.name);
@@ -211,13 +207,6 @@ void rebuild_mail_name(const rebuild_pass &pass, const domain_row &domain, const
         add_autoresponder(name, domain.name);
     rebuild_quota(domain.name, name, mail[mail_mbox_quota]);
     rebuild_mail_aliases(pass, domain, mail);
-}
-
-void rebuild_mail_names(const rebuild_pass &pass, const domain_row &domain)
-{
-    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "mailnames", mail_query, mail_columns, domain.id);
-    while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
-        rebuild_mail_name(pass, domain, row);
 }
 
 // Whether a status, a number of any length, is not 0.
@@ -263,7 +252,9 @@ void rebuild_domain(rebuild_pass &pass, const MYSQL_ROW row)
     set_nonexist_mail(domain.name, domain.id, pass.db);
     rebuild_quota(domain.name, nullptr, get_dom_Limit(domain.id, "mbox_quota", pass.db));
     rebuild_domain_aliases(pass, domain);
-    rebuild_mail_names(pass, domain);
+    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "mailnames", formatted(mail_query, mail_columns, domain.id));
+    while (const MYSQL_ROW mail = mysql_fetch_row(rows.get()))
+        rebuild_mail_name(pass, domain, mail);
 }
 
 } // namespace
@@ -274,11 +265,11 @@ void rebuild_mail_config()
     const owned_db db = panel_db_open();
     if (!db)
         report_fatal(1, "Unable to connect to the mysql database");
-    rebuild_pass pass = {db.get(), !short_pop3_names_allowed(db.get()), "$1$", {}, {}};
-    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "domains", "%s", domains_query);
+    const char *short_names = get_misc_param("allow_short_pop3_names", db.get());
+    rebuild_pass pass = {db.get(), short_names && strcmp(short_names, "disabled") == 0, "$1$", {}, {}};
+    const owned_rows rows = panel_db_rows_safe(pass.db, 1, "domains", domains_query);
     srand(static_cast<unsigned>(time(nullptr)));
     random_salt(pass.salt + 3, 8);
-    pass.salt[11] = '\0';
     find_domains(pass, rows.get());
     while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
         rebuild_domain(pass, row);

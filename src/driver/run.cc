@@ -15,7 +15,7 @@
 namespace {
 
 // qmail's user database has to follow users/assign before the server reads it again.
-int finish()
+int restart_qmail()
 {
     const int newu_status = (run_shell(formatted("%s/bin/qmail-newu", QMAIL_ROOT_D)) >> 8) & 0xff;
     return newu_status | service_control("qmail", "restart");
@@ -41,5 +41,5 @@ int run(int with_spam, int spam_only)
         rebuild_mail_config();
     if (with_spam && is_component_installed("vlq-spamassassin"))
         spam_rebuild_settings();
-    return spam_only ? 0 : finish();
+    return spam_only ? 0 : restart_qmail();
 }

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,18 +33,15 @@ constexpr recipient_query recipient_queries[] = {
     {"mail aliases on domain aliases", scanned_aliases_on_aliases_query},
 };
 
-// What an address may carry, from whatever tool wrote it.
+// What stands around an address in the rules that it may have, from whatever tool wrote them.
 struct rule_form {
-    const char *direction;
-    const char *kind;
     const char *before;
     const char *after;
 };
 constexpr rule_form rule_forms[] = {
-    {"from", "regex", "^", "$"}, {"to", "regex", "^", "$"}, {"any", "regex", "^", "$"},
-    {"from", "exact", "", ""},   {"to", "exact", "", ""},   {"any", "exact", "", ""},
+    {"from\tregex\t^", "$"}, {"to\tregex\t^", "$"}, {"any\tregex\t^", "$"},
+    {"from\texact\t", ""},   {"to\texact\t", ""},   {"any\texact\t", ""},
 };
-constexpr std::size_t form_count = sizeof rule_forms / sizeof *rule_forms;
 
 constexpr const char *header = "[version=2]\n";
 
@@ -98,28 +96,17 @@ int open_emptied(const char *dst)
     return out;
 }
 
-// Copies into `dst` from an open file, and closes `dst`.
-int copy_into(int in, const char *src, const char *dst)
-{
-    const bool keeps_open = is_dash(dst);
-    const int out = keeps_open ? STDOUT_FILENO : open_emptied(dst);
-    if (out < 0)
-        return report_open(dst);
-    const int result = copy_chunks(in, out, src, dst);
-    if (!keeps_open && close(out) != 0 && result == 0)
-        return report_close(dst);
-    return result;
-}
-
 int copy_file(const char *src, const char *dst)
 {
-    const bool keeps_open = is_dash(src);
-    const int in = keeps_open ? STDIN_FILENO : safe_open(src, O_RDONLY);
+    const int in = is_dash(src) ? STDIN_FILENO : safe_open(src, O_RDONLY);
     if (in < 0)
         return report_open(src);
-    const int result = copy_into(in, src, dst);
-    if (!keeps_open && close(in) != 0 && result == 0)
-        return report_close(src);
+    const int out = is_dash(dst) ? STDOUT_FILENO : open_emptied(dst);
+    int result = out < 0 ? report_open(dst) : copy_chunks(in, out, src, dst);
+    if (out >= 0 && !is_dash(dst) && close(out) != 0 && result == 0)
+        result = report_close(dst);
+    if (!is_dash(src) && close(in) != 0 && result == 0)
+        result = report_close(src);
     return result;
 }
 
@@ -198,12 +185,10 @@ int av_clear_recipient(const char *domain, const char *name)
 {
     const text address = formatted("%s@%s", name, domain);
     const text path = av_list_path();
-    owned_text texts[form_count];
-    const char *rules[form_count + 1] = {};
-    for (std::size_t at = 0; at < form_count; ++at) {
-        const rule_form &form = rule_forms[at];
-        texts[at] =
-            alloc_printf("allow\t%s\t%s\t%s%s%s", form.direction, form.kind, form.before, address.c_str(), form.after);
+    owned_text texts[std::size(rule_forms)];
+    const char *rules[std::size(rule_forms) + 1] = {};
+    for (std::size_t at = 0; at < std::size(rule_forms); ++at) {
+        texts[at] = alloc_printf("allow\t%s%s%s", rule_forms[at].before, address.c_str(), rule_forms[at].after);
         rules[at] = texts[at].get();
     }
     file_str(path, rules, edit::remove, 0);
@@ -218,7 +203,6 @@ int copy_file_locked(const char *src, const char *dst)
     auto lock = lock_file_exclusive(dst, 1);
     if (!lock_file_is_held(lock)) {
         report_error(0, 0, "Error occurred while locking the file %s\n", dst);
-        lock_file_release(std::move(lock));
         return 1;
     }
     const int result = copy_file(src, dst);

@@ -7,9 +7,9 @@
 #include "common/queries.h"
 #include "process/exec.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <sys/stat.h>
 
 namespace {
@@ -20,7 +20,7 @@ constexpr const char *server_name = "*@*";
 constexpr unsigned default_max_children = 5;
 
 // One name's settings on their way to the utility.
-struct replay {
+struct name_settings {
     const char *full_name;
     MYSQL *db;
     owned_text escaped_name;
@@ -40,29 +40,24 @@ const char *or_empty(const char *value)
     return value ? value : "";
 }
 
-// Sends a query and keeps its rows, null after a report.
-__attribute__((format(printf, 2, 3))) owned_rows ask(const replay &name, const char *format, ...)
+// The rows of a query, null after a report.
+owned_rows query_rows(const name_settings &name, const char *query)
 {
-    text query;
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(query.bytes, sizeof query.bytes, format, arguments);
-    va_end(arguments);
     owned_rows rows = panel_db_rows(name.db, query);
     if (!rows)
         report_error(0, 1, "Unable to get spamassassin settings for '%s': %s", name.full_name, mysql_error(name.db));
     return rows;
 }
 
-bool run_utility(const replay &name)
+bool run_utility(const name_settings &name)
 {
     return util_execv(utility, name.args.slots) == 0;
 }
 
 // 1 when the name has a filter row, 0 when not, -1 on failure.
-int find_filter(replay &name)
+int find_filter(name_settings &name)
 {
-    const owned_rows rows = ask(name, spam_filter_query, name.escaped_name.get());
+    const owned_rows rows = query_rows(name, formatted(spam_filter_query, name.escaped_name.get()));
     if (!rows)
         return -1;
     const MYSQL_ROW row = mysql_fetch_row(rows.get());
@@ -73,9 +68,9 @@ int find_filter(replay &name)
     return row ? 1 : 0;
 }
 
-bool append_mailbox_state(replay &name)
+bool append_mailbox_state(name_settings &name)
 {
-    const owned_rows rows = ask(name, spam_state_query, name.escaped_name.get());
+    const owned_rows rows = query_rows(name, formatted(spam_state_query, name.escaped_name.get()));
     if (!rows)
         return false;
     const MYSQL_ROW row = mysql_fetch_row(rows.get());
@@ -89,7 +84,7 @@ bool append_mailbox_state(replay &name)
     return true;
 }
 
-void append_server_state(replay &name)
+void append_server_state(name_settings &name)
 {
     arg_append(name.args, "start");
     if (is_true(get_misc_param("spamfilter_enabled", name.db))) {
@@ -105,9 +100,9 @@ void append_server_state(replay &name)
     arg_append(name.args, formatted("%u", number));
 }
 
-bool append_score(replay &name)
+bool append_score(name_settings &name)
 {
-    const owned_rows rows = ask(name, spam_score_query, name.id.c_str());
+    const owned_rows rows = query_rows(name, formatted(spam_score_query, name.id.c_str()));
     if (!rows)
         return false;
     if (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
@@ -117,9 +112,9 @@ bool append_score(replay &name)
     return true;
 }
 
-bool append_subject(replay &name)
+bool append_subject(name_settings &name)
 {
-    const owned_rows rows = ask(name, spam_subject_query, name.id.c_str());
+    const owned_rows rows = query_rows(name, formatted(spam_subject_query, name.id.c_str()));
     if (!rows)
         return false;
     if (const MYSQL_ROW row = mysql_fetch_row(rows.get())) {
@@ -131,10 +126,10 @@ bool append_subject(replay &name)
 }
 
 // Appends one list entry. One that the vector refuses starts a new run, of the base and what follows.
-bool append_entry(replay &name, const char *list, const char *value)
+bool append_entry(name_settings &name, const char *list, const char *value)
 {
     const text option = formatted("--add-to-%s", list);
-    const arg_mark before = arg_state(name.args);
+    const arg_mark before = name.args.end;
     if (arg_append(name.args, option) && arg_append(name.args, value))
         return true;
     arg_cut(name.args, before);
@@ -146,9 +141,9 @@ bool append_entry(replay &name, const char *list, const char *value)
     return true;
 }
 
-bool append_lists(replay &name)
+bool append_lists(name_settings &name)
 {
-    const owned_rows rows = ask(name, spam_lists_query, name.id.c_str());
+    const owned_rows rows = query_rows(name, formatted(spam_lists_query, name.id.c_str()));
     if (!rows)
         return false;
     bool appended = true;
@@ -157,16 +152,16 @@ bool append_lists(replay &name)
     return appended;
 }
 
-int apply(replay &name)
+int apply_settings(name_settings &name)
 {
     const bool is_server = strncmp(name.full_name, server_name, 3) == 0;
-    arg_clear(name.args);
+    arg_cut(name.args, {});
     arg_append(name.args, utility);
     if (!is_server) {
         arg_append(name.args, "--mailname");
         arg_append(name.args, name.full_name);
     }
-    name.base = arg_state(name.args);
+    name.base = name.args.end;
 
     const int found = find_filter(name);
     if (found <= 0)
@@ -178,43 +173,23 @@ int apply(replay &name)
     return append_score(name) && append_subject(name) && append_lists(name) && run_utility(name) ? 0 : -1;
 }
 
-void apply_domain(const char *id, const char *domain, MYSQL *db)
-{
-    const owned_rows rows = panel_db_rows_safe(db, 0, "mailnames", spam_names_query, id);
-    while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
-        spam_apply_mailname(row[0], domain, db);
-}
-
 } // namespace
-
-void arg_clear(arg_vector &args)
-{
-    arg_cut(args, {0, 0});
-}
 
 bool arg_append(arg_vector &args, const char *text)
 {
-    const std::size_t length = strlen(text);
-    const auto room = static_cast<std::size_t>(arg_vector::text_bytes - args.used);
-    if (length == 0 || length >= room || args.count >= arg_vector::slot_count - 1)
+    const arg_mark end = args.end;
+    const std::size_t size = strlen(text) + 1;
+    if (size == 1 || size > sizeof args.texts - end.bytes || end.slots + 1 == std::size(args.slots))
         return false;
-    char *place = args.text + args.used;
-    memcpy(place, text, length + 1);
-    args.slots[args.count] = place;
-    arg_cut(args, {args.count + 1, args.used + static_cast<int>(length) + 1});
+    args.slots[end.slots] = static_cast<char *>(memcpy(args.texts + end.bytes, text, size));
+    arg_cut(args, {end.slots + 1, end.bytes + size});
     return true;
 }
 
-arg_mark arg_state(const arg_vector &args)
+void arg_cut(arg_vector &args, const arg_mark &end)
 {
-    return {args.count, args.used};
-}
-
-void arg_cut(arg_vector &args, const arg_mark &state)
-{
-    args.count = state.count;
-    args.used = state.used;
-    args.slots[args.count] = nullptr;
+    args.end = end;
+    args.slots[end.slots] = nullptr;
 }
 
 void spam_rebuild_settings()
@@ -224,9 +199,12 @@ void spam_rebuild_settings()
     if (!db)
         report_fatal(0, "Unable to connect to the mysql database");
     spam_apply_server(db);
-    const owned_rows rows = panel_db_rows_safe(db, 0, "domains", "%s", spam_domains_query);
-    while (const MYSQL_ROW row = mysql_fetch_row(rows.get()))
-        apply_domain(row[0], row[1], db);
+    const owned_rows domains = panel_db_rows_safe(db, 0, "domains", spam_domains_query);
+    while (const MYSQL_ROW domain = mysql_fetch_row(domains.get())) {
+        const owned_rows names = panel_db_rows_safe(db, 0, "mailnames", formatted(spam_names_query, domain[0]));
+        while (const MYSQL_ROW name = mysql_fetch_row(names.get()))
+            spam_apply_mailname(name[0], domain[1], db);
+    }
 }
 
 int spam_apply_server(MYSQL *db)
@@ -262,9 +240,9 @@ int spam_apply_settings(const char *full_name, MYSQL *db)
         report_error(0, 0, "Unable to connect to mysql database\n");
         return -1;
     }
-    replay name;
+    name_settings name;
     name.full_name = full_name;
     name.db = db ? db : own.get();
     name.escaped_name = db_escape(name.db, full_name);
-    return apply(name);
+    return apply_settings(name);
 }

@@ -1,35 +1,29 @@
 #pragma once
 
+#include <cstddef>
 #include <mysql.h>
 
 // The spam filter's settings, the server's and each mail name's, applied again by the panel's utility spamsetup.
 
-// The argument vector of one run of the utility. It holds its texts itself.
-struct arg_vector {
-    static constexpr int slot_count = 100; // with the null pointer behind the last argument
-    static constexpr int text_bytes = 16384;
-    const char *slots[slot_count];
-    int count;
-    char text[text_bytes];
-    int used;
-};
-
-// The state of a vector, for cutting it back later.
+// How far an argument vector is filled.
 struct arg_mark {
-    int count;
-    int used;
+    std::size_t slots;
+    std::size_t bytes; // of texts, with their terminators
 };
 
-// Makes a vector empty.
-void arg_clear(arg_vector &args);
+// The argument vector of one run of the utility. It holds its texts itself. Empty it with arg_cut to {} before its use.
+struct arg_vector {
+    const char *slots[100]; // with the null pointer behind the last argument
+    char texts[16384];
+    arg_mark end;
+};
 
-// Appends a copy of the text. Returns false, leaving the vector as it was, for an empty text and when the slots or the
-// free bytes do not suffice.
+// Appends a copy of the text. Returns false, leaving the vector as it was, for an empty text and when no slot or too
+// few bytes are free.
 bool arg_append(arg_vector &args, const char *text);
 
-// Return a vector's state, and cut it back to one.
-arg_mark arg_state(const arg_vector &args);
-void arg_cut(arg_vector &args, const arg_mark &state);
+// Cuts the vector back to a former `end`.
+void arg_cut(arg_vector &args, const arg_mark &end);
 
 // Applies the server's settings and those of every mail name of every domain with the mail service, on a connection of
 // its own. A failed connection, query for domains or query for mail names ends the process with a report, as does what

@@ -2,6 +2,7 @@
 
 #include "common/conf.h"
 #include "common/error.h"
+#include "common/startup.h"
 
 #include <array>
 #include <cerrno>
@@ -25,14 +26,11 @@ constexpr int read_step = 4096;
 constexpr int poll_interval_ms = 1000;
 constexpr std::size_t max_arguments = 99; // behind argv[0]
 
-// Ignored by this program, so that a write that fails is reported.
-constexpr int failing_writes[] = {SIGPIPE, SIGXFSZ};
-
 using argument_slots = std::array<const char *, max_arguments + 2>;
 
-// What is read from one stream of a child. fd is -1 once the stream has ended, or when there is none.
+// What is read from one stream of a child. There is no descriptor once the stream has ended, or when it is not read.
 struct capture {
-    int fd;
+    owned_fd fd;
     std::optional<std::string> text;
 };
 
@@ -61,7 +59,7 @@ void redirect(int fd, int standard_fd)
 void read_pipe_chunk(capture &stream)
 {
     char chunk[read_step];
-    const ssize_t got = read(stream.fd, chunk, sizeof chunk);
+    const ssize_t got = read(stream.fd.get(), chunk, sizeof chunk);
     const int cause = errno;
     try {
         if (!stream.text)
@@ -72,35 +70,27 @@ void read_pipe_chunk(capture &stream)
     }
     if (got > 0 || (got < 0 && cause == EAGAIN))
         return;
-    close(stream.fd);
-    stream.fd = -1;
+    stream.fd = {};
     if (got < 0) {
         fprintf(stderr, "fork_exec*: read(pipe) failed: %s\n", strerror(cause));
         errno = 0;
     }
 }
 
-// Opens the pipe of one stream for reading without waiting. Returns its write end.
-int open_capture(capture &stream)
+// Opens the pipe of one stream. Returns its write end.
+owned_fd open_pipe(capture &stream)
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
         report_fatal(1, "fork_execv_getouterr: pipe() failed");
-    stream = {ends[0], std::nullopt};
-    return ends[1];
+    stream.fd = owned_fd(ends[0]);
+    return owned_fd(ends[1]);
 }
 
 void set_nonblocking(const capture &stream)
 {
-    if (fcntl(stream.fd, F_SETFL, O_NONBLOCK) != 0)
+    if (fcntl(stream.fd.get(), F_SETFL, O_NONBLOCK) != 0)
         report_fatal(1, "fork_execv_getouterr: fcntl(O_NONBLOCK) failed");
-}
-
-void end_capture(capture &stream)
-{
-    if (stream.fd >= 0)
-        close(stream.fd);
-    stream.fd = -1;
 }
 
 int exit_code(int status)
@@ -114,8 +104,8 @@ int exit_code(int status)
 int read_until_end(capture &out, capture &err, pid_t child)
 {
     int status = 0;
-    while (out.fd >= 0 || err.fd >= 0) {
-        pollfd ends[] = {{out.fd, POLLIN, 0}, {err.fd, POLLIN, 0}};
+    while (out.fd.get() >= 0 || err.fd.get() >= 0) {
+        pollfd ends[] = {{out.fd.get(), POLLIN, 0}, {err.fd.get(), POLLIN, 0}};
         if (poll(ends, 2, poll_interval_ms) > 0) {
             if (ends[0].revents != 0)
                 read_pipe_chunk(out);
@@ -124,15 +114,26 @@ int read_until_end(capture &out, capture &err, pid_t child)
             continue;
         }
         errno = 0;
-        if (waitpid(child, &status, WNOHANG) == 0)
-            continue;
-        const int result = exit_code(status);
-        end_capture(out);
-        end_capture(err);
-        return result;
+        if (waitpid(child, &status, WNOHANG) != 0)
+            return exit_code(status);
     }
     errno = 0;
     return waitpid(child, &status, WUNTRACED) > 0 ? exit_code(status) : -1;
+}
+
+// fork_execv of a program whose output is read, its error stream only when `reads_err` says so. Returns the exit code
+// or -1.
+int run_and_read(capture &out, capture &err, bool reads_err, const char *path, const char *const *argv)
+{
+    owned_fd out_end = open_pipe(out);
+    owned_fd err_end = reads_err ? open_pipe(err) : owned_fd();
+    set_nonblocking(out);
+    if (reads_err)
+        set_nonblocking(err);
+    const pid_t child = fork_execv(STDIN_FILENO, out_end.get(), reads_err ? err_end.get() : STDERR_FILENO, path, argv);
+    out_end = {};
+    err_end = {};
+    return read_until_end(out, err, child);
 }
 
 // argv[0] and what follows in the list, cut to the slots and ended by a null pointer.
@@ -145,21 +146,17 @@ void list_arguments(argument_slots &argv, const char *first, va_list list)
     argv[count] = nullptr;
 }
 
-bool is_utility_name(const char *name)
-{
-    if (!strchr(name, '/'))
-        return true;
-    report_error(0, 0, "Utility name '%s' is invalid. Use only utility name without path.", name);
-    return false;
-}
-
 text utility_path(const char *name)
 {
     return formatted("%s/admin/bin/%s", PRODUCT_ROOT_D, name);
 }
 
-int run_utility(const char *path, const char *const *argv)
+int run_utility(const char *name, const char *path, const char *const *argv)
 {
+    if (strchr(name, '/')) {
+        report_error(0, 0, "Utility name '%s' is invalid. Use only utility name without path.", name);
+        return -1;
+    }
     std::optional<std::string> out;
     std::optional<std::string> err;
     const int result = fork_execv_getouterr(out, err, path, argv);
@@ -193,19 +190,19 @@ void silence_streams()
 
 void restore_signals()
 {
-    for (const int number : failing_writes)
+    for (const int number : write_signals)
         signal(number, SIG_DFL);
 }
 
 int run_shell(const char *command)
 {
     // What is ignored here would be ignored there; a handler of ours is not.
-    sighandler_t former[std::size(failing_writes)];
-    for (std::size_t at = 0; at < std::size(failing_writes); ++at)
-        former[at] = signal(failing_writes[at], [](int) {});
+    sighandler_t former[std::size(write_signals)];
+    for (std::size_t at = 0; at < std::size(write_signals); ++at)
+        former[at] = signal(write_signals[at], [](int) {});
     const int status = system(command);
-    for (std::size_t at = 0; at < std::size(failing_writes); ++at)
-        signal(failing_writes[at], former[at]);
+    for (std::size_t at = 0; at < std::size(write_signals); ++at)
+        signal(write_signals[at], former[at]);
     return status;
 }
 
@@ -230,16 +227,9 @@ pid_t fork_execv(int in_fd, int out_fd, int err_fd, const char *path, const char
 int fork_execv_getouterr(std::optional<std::string> &out, std::optional<std::string> &err, const char *path,
                          const char *const *argv)
 {
-    capture out_stream;
     capture err_stream;
-    const int out_end = open_capture(out_stream);
-    const int err_end = open_capture(err_stream);
-    set_nonblocking(out_stream);
-    set_nonblocking(err_stream);
-    const pid_t child = fork_execv(STDIN_FILENO, out_end, err_end, path, argv);
-    close(out_end);
-    close(err_end);
-    const int result = read_until_end(out_stream, err_stream, child);
+    capture out_stream; // the first to be closed
+    const int result = run_and_read(out_stream, err_stream, true, path, argv);
     out = std::move(out_stream.text);
     err = std::move(err_stream.text);
     return result;
@@ -247,14 +237,10 @@ int fork_execv_getouterr(std::optional<std::string> &out, std::optional<std::str
 
 int fork_execv_getout(std::optional<std::string> &out, const char *path, const char *const *argv)
 {
-    capture stream;
-    capture absent = {-1, std::nullopt};
-    const int end = open_capture(stream);
-    set_nonblocking(stream);
-    const pid_t child = fork_execv(STDIN_FILENO, end, STDERR_FILENO, path, argv);
-    close(end);
-    const int result = read_until_end(stream, absent, child);
-    out = std::move(stream.text);
+    capture out_stream;
+    capture no_stream;
+    const int result = run_and_read(out_stream, no_stream, false, path, argv);
+    out = std::move(out_stream.text);
     return result;
 }
 
@@ -276,22 +262,18 @@ int fork_execl_getout(std::optional<std::string> &out, const char *path, const c
 
 int util_execv(const char *name, const char *const *argv)
 {
-    if (!is_utility_name(name))
-        return -1;
-    return run_utility(utility_path(name), argv);
+    return run_utility(name, utility_path(name), argv);
 }
 
 int util_exec(const char *name, ...)
 {
-    if (!is_utility_name(name))
-        return -1;
     const text path = utility_path(name);
     argument_slots argv;
     va_list list;
     va_start(list, name);
     list_arguments(argv, path, list);
     va_end(list);
-    return run_utility(path, argv.data());
+    return run_utility(name, path, argv.data());
 }
 
 int run_quiet_wait(const char *path, ...)

@@ -14,7 +14,7 @@ void close_descriptors();
 // For a child: puts /dev/null on every standard stream; one for which that fails is closed.
 void silence_streams();
 
-// For a child: restores the default actions of the signals that this program ignores, SIGPIPE and SIGXFSZ.
+// For a child: restores the default actions of the signals that this program ignores (common/startup.h).
 void restore_signals();
 
 // system() of a command for which these signals have their default actions. Returns the result of system().

@@ -123,12 +123,12 @@ void remove_dir(int parent, const char *name, const char *path, int remove_self,
 
 int is_virtual_environment()
 {
-    static int kept_answer = -1;
-    if (kept_answer < 0) {
+    static int known_answer = -1;
+    if (known_answer < 0) {
         struct stat status;
-        kept_answer = stat("/dev/hdv1", &status) == 0 && S_ISREG(status.st_mode) && status.st_size == 0;
+        known_answer = stat("/dev/hdv1", &status) == 0 && S_ISREG(status.st_mode) && status.st_size == 0;
     }
-    return kept_answer;
+    return known_answer;
 }
 
 void deferred_remove(const char *dir)

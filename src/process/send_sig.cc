@@ -22,9 +22,8 @@ constexpr const char *kill_path = "/bin/kill";
 void signal_line(const char *line, const char *line_end, int signal, int &count)
 {
     char *end = nullptr;
-    errno = 0;
     const long pid = strtol(line, &end, 10);
-    if (end == line || errno != 0 || pid <= 0 || pid > INT_MAX) { // 0 and less would mean whole groups
+    if (end == line || pid <= 0 || pid > INT_MAX) { // 0 and less would mean whole groups
         report_error(0, 0, "send_signal_field(): malformed ps output: %.*s", static_cast<int>(line_end - line), line);
         return;
     }

@@ -67,15 +67,10 @@ int judge_end(int status, const char *name, const char *label, int report)
             report_error(0, 0, "Service %s failed to %s\n", name, label);
         return -1;
     }
-    if (WIFSIGNALED(status)) {
-        report_error(0, 0, "Unable to %s service %s: daemon killed by signal %i\n", label, name, WTERMSIG(status));
-        return -1;
-    }
-    if (WIFSTOPPED(status)) {
-        report_error(0, 0, "Unable to %s service %s: daemon stopped by signal %i\n", label, name, WSTOPSIG(status));
-        return -1;
-    }
-    return 0;
+    const bool is_killed = WIFSIGNALED(status); // else stopped
+    report_error(0, 0, "Unable to %s service %s: daemon %s by signal %i\n", label, name,
+                 is_killed ? "killed" : "stopped", is_killed ? WTERMSIG(status) : WSTOPSIG(status));
+    return -1;
 }
 
 int control_plain(const char *service, const char *action)
@@ -158,13 +153,10 @@ int control_web_server(const char * /* service */, const char *action)
     if (result == 0 &&
         (strcmp(action, "start") == 0 || strcmp(action, "restart") == 0 || strcmp(action, "force-reload") == 0))
         result = wait_for_web_server();
-    if (strcasecmp(action, "stop") == 0) {
-        if (run_shell(formatted("%s/bin/ipc_sweep.sh", PRODUCT_ROOT_D)) == -1) {
-            report_error(0, 0, "Error occured when trying to clean Apache IPC objects: %s\n", strerror(errno));
-            return -1;
-        }
-    }
-    return result;
+    if (strcasecmp(action, "stop") != 0 || run_shell(formatted("%s/bin/ipc_sweep.sh", PRODUCT_ROOT_D)) != -1)
+        return result;
+    report_error(0, 0, "Error occured when trying to clean Apache IPC objects: %s\n", strerror(errno));
+    return -1;
 }
 
 // A service and its own handling, where it has one.

@@ -5,7 +5,6 @@
 #include "common/error.h"
 #include "common/get.h"
 #include "common/queries.h"
-#include "common/safe_open.h"
 #include "process/remove_tree.h"
 #include "process/send_sig.h"
 #include "qmail/layout.h"
@@ -13,6 +12,7 @@
 #include <cassert>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -25,7 +25,7 @@ bool ask_dom_id(MYSQL *db, const char *name)
 {
     assert(is_plain_text(name));
     format_text(id_buffer, domain_id_query, name);
-    if (mysql_real_query(db, id_buffer, strlen(id_buffer)) != 0)
+    if (mysql_query(db, id_buffer) != 0)
         report_fatal(1, "Unable to query domain ID: %s\n", mysql_error(db));
     const owned_rows result(mysql_store_result(db));
     const MYSQL_ROW row = result ? mysql_fetch_row(result.get()) : nullptr;
@@ -53,14 +53,6 @@ template <typename Undo> [[noreturn]] void undo_and_end(Undo undo, const char *m
     if (may_undo(errno))
         undo();
     report_fatal(1, "%s", message);
-}
-
-void register_assign_line(const char *line)
-{
-    const text path = qmail_path("/users/assign");
-    if (renew_line(path, line, at_start, "Unable to remove domain record from assign file") != edit_end::done)
-        report_fatal(1, "Unable to add default string to assign file for mail domain");
-    safe_chmod(path, safe_kind::file, 0600);
 }
 
 // A line of one of the two control files, and what is said of it.
@@ -136,9 +128,11 @@ int add_mail_domain(const char *domain, int disabled)
     if (make_dir(domain_dir(ascii), ids.uid, ids.gid, 0700) != 0) {
         if (may_undo(errno))
             undo();
-        end_process(-1);
+        exit(-1);
     }
-    register_assign_line(domain_line(get_dom_id_safe(domain), ids, ascii));
+    if (!renew_assign_line(domain_line(get_dom_id_safe(domain), ids, ascii),
+                           "Unable to remove domain record from assign file"))
+        report_fatal(1, "Unable to add default string to assign file for mail domain");
     register_control_line(rcpthosts, ascii.get(), !disabled, undo);
     const text line = formatted("%s:%s\n", ascii.get(), get_dom_id_safe(domain));
     register_control_line(virtualdomains, line, !disabled, undo);

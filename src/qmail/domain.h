@@ -20,7 +20,7 @@ const char *get_dom_id_safe(const char *domain);
 // Makes the domain directory (popuser's, 0700) and the domain's lines; a disabled domain has only its line in
 // users/assign. When the directory cannot be made, or a line cannot be added to a control file, remove_mail_domain
 // undoes the addition and the process ends: with status 255 and no further message for the directory, else with 1.
-// Nothing is undone, here and for aliases, when safe_open refused the failed step.
+// Nothing is undone, here and for aliases, where may_undo of qmail/layout.h forbids it.
 int add_mail_domain(const char *domain, int disabled);
 
 // Removes the domain's lines, the records of all its mailboxes and aliases, and its directory with everything in it.

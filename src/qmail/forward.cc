@@ -2,7 +2,6 @@
 
 #include "common/error.h"
 #include "common/idn.h"
-#include "common/safe_open.h"
 #include "qmail/domain.h"
 #include "qmail/layout.h"
 
@@ -17,7 +16,7 @@ int add_forward(const char *mail_name, const char *domain, const char *address)
     const owned_text converted = idn_email_toascii(address);
     if (!converted)
         report_fatal(1, "idn_email_toascii() failed: %s", idn_error_text(idn_last_error));
-    const edit_end end = renew_line(path, formatted("&%s", converted.get()), at_end, nullptr);
+    const edit_end end = renew_line(path, formatted("&%s", converted.get()));
     if (end == edit_end::done)
         own_dot_qmail(path, ids);
     else
@@ -30,7 +29,7 @@ int add_autoresponder(const char *mail_name, const char *domain)
     if (is_empty(mail_name) || is_empty(domain))
         report_fatal(1, "empty mailname or maildomain");
     const text path = dot_qmail_path(domain_toascii_safe(domain), mail_name);
-    const edit_end end = renew_line(path, "|autoresponder", at_end, nullptr);
+    const edit_end end = renew_line(path, "|autoresponder");
     if (end != edit_end::done)
         report_error(status_of_failure(end), 1, "Unable to add string to %s file", path.c_str());
     return 0;
@@ -44,9 +43,7 @@ int add_mail_alias(const char *mail_name, const char *domain, const char *alias)
     static user_ids ids;
     find_popuser_safe(ids);
     const text line = mailbox_line(get_dom_id_safe(domain), alias, ids, ascii, mail_name);
-    const text path = qmail_path("/users/assign");
-    if (renew_line(path, line, at_start, "Unable to remove record from assign file") != edit_end::done)
+    if (!renew_assign_line(line, "Unable to remove record from assign file"))
         report_fatal(1, "Unable to add record to assign file");
-    safe_chmod(path, safe_kind::file, 0600);
     return 0;
 }

@@ -68,11 +68,21 @@ text mailbox_line(const char *domain_id, const char *local_part, const user_ids 
                      static_cast<int>(ids.gid), QMAIL_MAILNAMES_D, ascii_domain.get(), mail_name);
 }
 
-edit_end renew_line(const char *path, const char *line, placement where, const char *not_removed)
+edit_end renew_line(const char *path, const char *line)
 {
-    if (file_str_line(path, line, edit::remove, 0) != 0 && not_removed)
+    file_str_line(path, line, edit::remove, 0);
+    return file_str_end(path, line, edit::add, at_end);
+}
+
+bool renew_assign_line(const char *line, const char *not_removed)
+{
+    const text path = qmail_path("/users/assign");
+    if (file_str_line(path, line, edit::remove, 0) != 0)
         report_error(0, 0, "%s", not_removed);
-    return file_str_end(path, line, edit::add, where);
+    if (file_str_line(path, line, edit::add, at_start) != 0)
+        return false;
+    safe_chmod(path, safe_kind::file, 0600);
+    return true;
 }
 
 bool may_undo(int error)
@@ -90,10 +100,11 @@ int status_of_failure(edit_end end)
     return end == edit_end::refused ? 0 : 1;
 }
 
-void own_dot_qmail(const char *path, const user_ids &ids)
+bool own_dot_qmail(const char *path, const user_ids &ids)
 {
     const safe_step failed = safe_give(path, safe_kind::file, ids.uid, ids.gid, 0600);
     if (failed != safe_step::none)
         report_error(status_of_failure(), 1, "Unable to %s %s file: %s", failed == safe_step::chown ? "chown" : "chmod",
                      path, strerror(errno));
+    return failed == safe_step::none;
 }

@@ -38,9 +38,12 @@ text dot_qmail_path(const owned_text &ascii_domain, const char *mail_name);
 text mailbox_line(const char *domain_id, const char *local_part, const user_ids &ids, const owned_text &ascii_domain,
                   const char *mail_name);
 
-// Removes a line from a file and adds it again. A failed removal is passed over, after the report `not_removed` unless
-// that is null. Returns the result of the addition, as file_str_end does.
-edit_end renew_line(const char *path, const char *line, placement where, const char *not_removed);
+// Removes a line from a file, as far as that can be, and appends it again. Returns the end of the addition.
+edit_end renew_line(const char *path, const char *line);
+
+// Removes a line from users/assign and adds it again at the start; then the file gets mode 0600, as far as that can be.
+// A failed removal is passed over after the report `not_removed`. Returns false when the line could not be added.
+bool renew_assign_line(const char *line, const char *not_removed);
 
 // False when nothing may be deleted for a step that failed with this error: safe_open refused it, or it met a limit (of
 // descriptors, of a file's size) that a plain system call would not have met or would have ended the process at.
@@ -51,6 +54,7 @@ bool may_undo(int error);
 int status_of_failure();
 int status_of_failure(edit_end end);
 
-// Sets a ".qmail"'s owner and group to `ids`, then its mode to 0600. A failure is reported as "Unable to chown %s file:
-// %s", or the same with chmod, and ends the process unless safe_open refused the file.
-void own_dot_qmail(const char *path, const user_ids &ids);
+// Sets a ".qmail"'s owner and group to `ids`, then its mode to 0600. Returns true; or false for a file that safe_open
+// refused, after "Unable to chown %s file: %s" or the same with chmod. Any other failure is reported so, too, and ends
+// the process.
+bool own_dot_qmail(const char *path, const user_ids &ids);

@@ -12,7 +12,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-#include <string_view>
 #include <unistd.h>
 
 namespace {
@@ -27,17 +26,7 @@ struct mail_name_ref {
     const char *domain;
 };
 
-// Says which step on the mailbox directory or below it failed. One that was refused has nothing deleted, and the run
-// goes on without it; after any other everything of the mail name is taken back and the process ends.
-void fail_step(const mail_name_ref &mail, const owned_text &message)
-{
-    const int status = status_of_failure();
-    if (may_undo(errno))
-        remove_mailbox(mail.name, mail.domain);
-    report_error(status, 1, "%s", message.get());
-}
-
-// The same of a step elsewhere: the process ends in any case.
+// Takes everything of the mail name back, if the failed step allows it, and ends the process.
 [[noreturn]] void undo_and_end(const mail_name_ref &mail, const owned_text &message)
 {
     if (may_undo(errno))
@@ -45,19 +34,19 @@ void fail_step(const mail_name_ref &mail, const owned_text &message)
     report_fatal(1, "%s", message.get());
 }
 
+// The same for a step on the mailbox directory or below it: one that was refused is only reported, and the run goes on
+// without it.
+void fail_step(const mail_name_ref &mail, const owned_text &message)
+{
+    if (status_of_failure() != 0)
+        undo_and_end(mail, message);
+    report_error(0, 1, "%s", message.get());
+}
+
 void check_mail_name(const char *mail_name, const char *domain, const char *failure)
 {
     if (!is_valid_mail_name(mail_name) || is_empty(domain))
         report_fatal(1, "%s", failure);
-}
-
-void register_mailbox_line(const mail_name_ref &mail, const char *line)
-{
-    const text path = qmail_path("/users/assign");
-    const text not_removed = formatted("Unable to remove record for %s from assign file", mail.name);
-    if (renew_line(path, line, at_start, not_removed) != edit_end::done)
-        undo_and_end(mail, alloc_printf("Unable to add record for %s to assign file", mail.name));
-    safe_chmod(path, safe_kind::file, 0600);
 }
 
 // The file is edited by this name, relative to the mailbox directory, and so is its lock named.
@@ -68,46 +57,39 @@ void renew_dot_qmail(const user_ids &ids)
         report_error(status_of_failure(), 1, "Unable to create %s file\n", file);
         return;
     }
-    const safe_step failed = safe_give(file, safe_kind::file, ids.uid, ids.gid, 0600);
-    if (failed != safe_step::none) {
-        report_error(status_of_failure(), 1, "Unable to %s .qmail file: %s",
-                     failed == safe_step::chown ? "chown" : "chmod", strerror(errno));
+    if (!own_dot_qmail(file, ids))
         return;
-    }
     const edit_end end = file_str_end(file, "| true", edit::add, at_end);
     if (end != edit_end::done)
         report_error(status_of_failure(end), 1, "Unable to add string to .qmail file\n");
 }
 
-const char *verb_of(safe_step step)
+// `shown` is what messages call the path. False when it was refused.
+bool make_owned_dir(const mail_name_ref &mail, const char *path, const char *shown, const user_ids &ids)
 {
-    return step == safe_step::mkdir ? "make" : "chown";
-}
-
-bool make_entry(const mail_name_ref &mail, const char *dir, const char *entry, const user_ids &ids)
-{
-    const safe_step failed = safe_make_dir(entry, ids.uid, ids.gid, 0700);
-    if (failed != safe_step::none)
-        fail_step(mail, alloc_printf("Unable to %s %s/%s dir: %s", verb_of(failed), dir, entry, strerror(errno)));
-    return failed == safe_step::none;
+    const safe_step failed = safe_make_dir(path, ids.uid, ids.gid, 0700);
+    if (failed == safe_step::none)
+        return true;
+    const char *verb = failed == safe_step::mkdir ? "make" : "chown";
+    fail_step(mail, alloc_printf("Unable to %s %s dir: %s", verb, shown, strerror(errno)));
+    return false;
 }
 
 // What lies below an entry that was refused is passed over.
 void make_entries(const mail_name_ref &mail, const char *dir, const user_ids &ids)
 {
     std::string refused;
-    for (const char *entry : mailbox_entries)
-        if ((refused.empty() || !std::string_view(entry).starts_with(refused)) && !make_entry(mail, dir, entry, ids))
-            refused = std::string(entry) + "/";
+    for (const std::string entry : mailbox_entries)
+        if ((refused.empty() || !entry.starts_with(refused)) &&
+            !make_owned_dir(mail, entry.c_str(), alloc_printf("%s/%s", dir, entry.c_str()).get(), ids))
+            refused = entry + "/";
 }
 
 // False when the mailbox directory was refused.
 bool make_mailbox_dir(const mail_name_ref &mail, const char *dir, const user_ids &ids)
 {
-    if (const safe_step failed = safe_make_dir(dir, ids.uid, ids.gid, 0700); failed != safe_step::none) {
-        fail_step(mail, alloc_printf("Unable to %s %s dir: %s", verb_of(failed), dir, strerror(errno)));
+    if (!make_owned_dir(mail, dir, dir, ids))
         return false;
-    }
     text saved_dir;
     if (!getcwd(saved_dir.bytes, sizeof saved_dir.bytes))
         undo_and_end(mail, alloc_printf("Unable to getcwd: %s", strerror(errno)));
@@ -138,7 +120,10 @@ int add_mailbox(const char *mail_name, const char *domain)
     static user_ids ids;
     find_popuser_safe(ids);
     const mail_name_ref mail = {mail_name, domain};
-    register_mailbox_line(mail, mailbox_line(get_dom_id_safe(domain), mail_name, ids, ascii, mail_name));
+    const text line = mailbox_line(get_dom_id_safe(domain), mail_name, ids, ascii, mail_name);
+    const owned_text not_removed = alloc_printf("Unable to remove record for %s from assign file", mail_name);
+    if (!renew_assign_line(line, not_removed.get()))
+        undo_and_end(mail, alloc_printf("Unable to add record for %s to assign file", mail_name));
     return make_mailbox_dir(mail, mailbox_dir(ascii, mail_name), ids) ? 0 : 1;
 }
 
@@ -167,7 +152,7 @@ int add_postbox(const char *mail_name, const char *domain, const char *password,
     check_mail_name(mail_name, domain, "empty mailname or maildomain");
     add_poppasswd_record(mail_name, domain, password, disabled, short_names_disabled);
     const text path = dot_qmail_path(domain_toascii_safe(domain), mail_name);
-    const edit_end end = renew_line(path, delivery_line, at_end, nullptr);
+    const edit_end end = renew_line(path, delivery_line);
     if (end != edit_end::done) {
         if (may_undo(errno))
             remove_postbox(mail_name, domain);

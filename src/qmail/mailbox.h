@@ -3,8 +3,9 @@
 // Mail names: each has a line in users/assign and a mailbox directory; one with a mailbox also has a record in
 // users/poppasswd and a delivery to its Maildir. The domain directory must exist. Names come as the database holds
 // them; a mail name must begin with a letter, a digit, "_" or "-". All but add_mailbox return 0. A failure ends the
-// process with a report. Reported and passed over are an old line that cannot be removed and, without undoing anything,
-// what safe_open refuses in a mailbox directory.
+// process with a report. Two are reported and passed over: an old line that cannot be removed, and what safe_open
+// refuses in a mailbox directory. Where an operation undoes what it did, it does so only if may_undo of qmail/layout.h
+// allows it.
 
 // Writes the line of users/assign and makes the mailbox directory with a new ".qmail" ("| true", 0600) and an empty
 // Maildir, all popuser's. Directories that exist keep their mode and content. A failure, except of ".qmail", is undone

@@ -31,7 +31,6 @@ std::unique_ptr<file_lock> lock_quota(const char *path, int system_error_flag)
     if (lock_file_is_held(lock))
         return lock;
     report_error(0, system_error_flag, "Error while locking file %s.\n", path);
-    lock_file_release(std::move(lock));
     return nullptr;
 }
 
@@ -79,19 +78,16 @@ int write_mbox_quota(const char *domain, const char *mail_name, std::int64_t quo
     auto lock = lock_quota(path, 0);
     if (!lock)
         return 0;
-    if (!write_quota(path, quota)) {
-        lock_file_release(std::move(lock));
-        return 0;
+    const bool is_written = write_quota(path, quota);
+    if (is_written && own_quota(path)) {
+        unlock_quota(std::move(lock), path);
+        return 1;
     }
-    if (!own_quota(path)) {
-        const bool refused = is_refusal(errno);
-        lock_file_release(std::move(lock)); // first: the removal takes the same lock
-        if (!refused)
-            remove_mbox_quota(domain, mail_name);
-        return 0;
-    }
-    unlock_quota(std::move(lock), path);
-    return 1;
+    const bool is_undone = is_written && !is_refusal(errno);
+    lock_file_release(std::move(lock)); // first: the removal takes the same lock
+    if (is_undone)
+        remove_mbox_quota(domain, mail_name);
+    return 0;
 }
 
 int remove_mbox_quota(const char *domain, const char *mail_name)

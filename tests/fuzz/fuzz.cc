@@ -29,9 +29,9 @@ void must(bool holds)
 void arg_vector_keeps(const std::string &input)
 {
     static arg_vector args;
-    arg_clear(args);
+    arg_cut(args, {});
     std::vector<std::string> taken;
-    std::vector<arg_mark> marks = {arg_state(args)};
+    std::vector<arg_mark> marks = {args.end};
     for (std::size_t at = 0; at + 1 < std::min<std::size_t>(input.size(), 500); at += 2) {
         const auto first = static_cast<unsigned char>(input[at]), second = static_cast<unsigned char>(input[at + 1]);
         if (first == 0) {
@@ -40,13 +40,13 @@ void arg_vector_keeps(const std::string &input)
             arg_cut(args, marks.back());
         } else {
             const std::string text((first - 1U) * second / 2, static_cast<char>('a' + at % 26));
-            const auto left = static_cast<std::size_t>(arg_vector::text_bytes - args.used);
+            const std::size_t left = sizeof args.texts - args.end.bytes;
             const bool fits = !text.empty() && taken.size() < 99 && text.size() < left;
             must(arg_append(args, text.c_str()) == fits);
             if (fits)
-                taken.push_back(text), marks.push_back(arg_state(args));
+                taken.push_back(text), marks.push_back(args.end);
         }
-        must(args.count == static_cast<int>(taken.size()) && !args.slots[args.count]);
+        must(args.end.slots == taken.size() && !args.slots[taken.size()]);
     }
     for (std::size_t at = 0; at < taken.size(); ++at)
         must(taken[at] == args.slots[at]);
