@@ -27,6 +27,11 @@ common/owned'
 declare -A never=([common]='qmail|filters|process|driver|control' [process]='qmail|filters|driver|control'
   [qmail]='filters|driver|control' [filters]='qmail|driver|control' [driver]='control' [control]='driver')
 
+# Of control/, which changes nothing but what it publishes, these alone know what writes; the last for a path.
+readonly writers='common/(file_copy|file_str|safe_open)|process/(remove_tree|send_sig|service)|qmail/(domain|forward|mailbox|nonexist|quota)|filters/.*'
+declare -A writes=([control/put]='common/(file_copy|safe_open)' [control/publish]='process/service'
+  [control/places]='filters/antivirus')
+
 status=0
 fail() {
   echo "$1"
@@ -49,6 +54,8 @@ while IFS=: read -r file _ line; do
     fail "$file: $other or the unit itself has no floor yet"
   elif ((floor[$other] >= floor[$unit])) || [[ ${other%%/*} =~ ^(${never[${unit%%/*}]})$ ]]; then
     fail "$file: $unit must not know $other"
+  elif [[ $unit == control/* && $other =~ ^($writers)$ && ! $other =~ ^(${writes[$unit]-})$ ]]; then
+    fail "$file: $unit must not write by $other"
   fi
 done < <(grep -nE '^ *# *include *"' -- src/*/*.cc src/*/*.h)
 

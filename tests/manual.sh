@@ -35,7 +35,7 @@ for file in $(grep -ohE '"/(control|users|users\.conf)[a-z./-]*"|@mbox\.quota|\.
 done
 diff <("$(dirname "$program")/mboxfixctl" --help | long_options) <(mandoc -T ascii doc/mboxfixctl.8 | col -b | long_options) >&2 ||
   fail "mboxfixctl's options differ"
-for code in 0 1 127 255; do
+for code in 0 1 127 134 255; do
   grep -qx "\.It $code" "$page" || fail "exit status $code is not told"
 done
 exit "$status"

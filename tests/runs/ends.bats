@@ -178,6 +178,19 @@ away() {
   tree
 }
 
+@test "an operation without a name" {
+  panel
+  mboxfix --without-spam
+  remember
+  for operation in add_domain_alias add_mailbox remove_mailbox add_postbox add_forward add_autoresponder add_mail_alias; do
+    session operate $operation '' d.example z
+    session operate $operation m '' z
+  done
+  session operate add_mail_alias m d.example ''
+  for operation in add_mail_domain set_reject add_bounce; do session operate $operation '' 1; done
+  changes
+}
+
 @test "a virsetup or a spamsetup that fails, and a mail name that is empty" {
   session operate spam_apply_settings m@d.example
   panel
