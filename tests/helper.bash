@@ -1,9 +1,9 @@
 # The words of a session in a private host: $MBOXFIX and $OPERATE are the program and what does one operation of it.
 # Each case begins in the host as it was made, with an empty panel. What its sessions show is held against the file
 # expected/FILE/CASE beside it when the case ends; with UPDATE=1 it is written there instead.
-export LC_ALL=C ASAN_OPTIONS=detect_leaks=0
+export LC_ALL=C SHELL=/bin/sh ASAN_OPTIONS=detect_leaks=0
 readonly boxes=/var/qmail/mailnames box=/var/qmail/mailnames/d.example/m locks=/usr/local/vlq/var/lock/files
-readonly bin=/usr/local/vlq/admin/bin shown=/run/shown top=$BATS_TEST_DIRNAME/../..
+readonly own=(/etc/drweb /usr/local/vlq /var/qmail) bin=/usr/local/vlq/admin/bin shown=/run/shown top=$BATS_TEST_DIRNAME/../..
 
 setup_file() {
   umask 022
@@ -17,8 +17,8 @@ setup_file() {
 setup() {
   umask 022
   cd /
-  rm -rf /etc/vlq /etc/init.d /etc/drweb /usr/local/vlq /var/qmail /var/www/vhosts /var/disk /run/host/exit/* /dev/hdv1
-  rm -f /run/meanwhile
+  ! mountpoint -q /var/qmail || umount "${own[@]}"
+  rm -rf /etc/vlq /etc/init.d "${own[@]}" /var/www/vhosts /var/disk /run/{disk,meanwhile} /run/host/exit/* /dev/hdv1
   cp -a /run/former/* /
   sql 'drop database vlq; create database vlq character set utf8mb4; use vlq;
     source demo/schema.sql;

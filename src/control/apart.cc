@@ -20,7 +20,8 @@ int run_apart(const std::function<int()> &operation)
         setpgid(0, 0);
         forget_signals();
         const int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDOUT_FILENO);
+        if (null < 0 || dup2(null, STDOUT_FILENO) < 0)
+            _exit(1);
         close(null);
         errno = 0; // reports would tell it
         _exit(operation());

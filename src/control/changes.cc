@@ -2,10 +2,12 @@
 
 #include "common/error.h"
 #include "common/file_bytes.h"
+#include "common/safe_dir.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
 #include <set>
@@ -31,11 +33,6 @@ bool same_attributes(const struct stat &one, const struct stat &other)
     return one.st_uid == other.st_uid && one.st_gid == other.st_gid && (one.st_mode & 07777) == (other.st_mode & 07777);
 }
 
-bool is_below_maildir(std::string_view path)
-{
-    return path.find("/Maildir/") != path.npos;
-}
-
 bool is_whiteout(const struct stat &status)
 {
     return S_ISCHR(status.st_mode) && status.st_rdev == makedev(0, 0);
@@ -58,10 +55,17 @@ std::set<std::string> all_lists()
     return paths;
 }
 
-bool equal_bytes(int layer, const char *name, const struct stat &after, const std::string &path,
-                 const struct stat &before)
+// The bytes of an open regular file.
+std::optional<std::string> bytes_of(int fd, const struct stat &status)
 {
-    return after.st_size == before.st_size && file_bytes_at(layer, name) == file_bytes_at(AT_FDCWD, path.c_str());
+    content text{};
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return std::nullopt;
+    }
+    if (!read_rest(fd, text, static_cast<std::size_t>(status.st_size)))
+        return std::nullopt;
+    return std::string(view(text));
 }
 
 // What became of one path, if anything.
@@ -84,8 +88,8 @@ std::optional<kind> judge(const walk &at, const std::string &path, const struct 
         return kind::loss;
     if (!S_ISREG(before.st_mode))
         return kind::new_file;
-    const char *name = path.c_str() + at.name_at;
-    if (!equal_bytes(at.found.layers[at.layer].get(), name, after, path, before))
+    const change now = {kind::content, path, at.layer, at.name_at, before, after};
+    if (after.st_size != before.st_size || new_bytes(at.found, now) != old_bytes(now))
         return kind::content;
     return same_attributes(after, before) ? std::nullopt : std::optional(kind::attributes);
 }
@@ -94,8 +98,8 @@ bool walk_dir(const walk &at, const std::string &path, int fd);
 
 bool walk_entry(const walk &at, const std::string &path, int dir, const char *name)
 {
-    struct stat after {};
-    struct stat before {};
+    struct stat after = {};
+    struct stat before = {};
     if (fstatat(dir, name, &after, AT_SYMLINK_NOFOLLOW) != 0)
         return false;
     // A directory that root's link stands for is a place of its own.
@@ -134,39 +138,50 @@ bool walk_dir(const walk &at, const std::string &path, int fd)
     return errno == 0;
 }
 
-// Takes a list's file from the layer of its directory, if the run left one there.
-bool take_list(const stage &made, const changes &found, const std::string &path, list_state &list)
+enum class taking { none, done, failed };
+
+// Takes a list's file from a directory of this layer or tree, if there is one.
+taking take_list(int dir, const std::string &name, list_state &list)
 {
-    for (std::size_t layer = 0; layer < made.where.covered.size(); ++layer) {
-        struct stat after {};
-        const std::string name = name_of(path);
-        const int dir = found.layers[layer].get();
-        if (made.where.covered[layer].named != dir_of(path) ||
-            fstatat(dir, name.c_str(), &after, AT_SYMLINK_NOFOLLOW) != 0)
-            continue;
-        list.after = file_bytes_at(dir, name.c_str());
-        list.status_after = after;
-        return true;
-    }
-    return false;
+    struct stat after = {};
+    if (fstatat(dir, name.c_str(), &after, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT ? taking::none : taking::failed;
+    list.after = file_bytes_at(dir, name.c_str());
+    list.status_after = after;
+    return list.after && S_ISREG(after.st_mode) ? taking::done : taking::failed;
 }
 
-// The list's file as the run left it, in its place or where root's link there leads; else as it was.
-void read_list(const stage &made, changes &found, list_number number)
+// The same from the layer of the list's directory.
+taking take_list(const stage &made, const changes &found, const std::string &path, list_state &list)
+{
+    for (std::size_t layer = 0; layer < made.where.covered.size(); ++layer) {
+        if (made.where.covered[layer].named != dir_of(path))
+            continue;
+        if (const taking end = take_list(found.layers[layer].get(), name_of(path), list); end != taking::none)
+            return end;
+    }
+    return taking::none;
+}
+
+// The list's file as the run left it, in its place or where root's link there leads; else as it was. False when what
+// the run left cannot be read: it must not pass for an empty list.
+bool read_list(const stage &made, changes &found, list_number number)
 {
     list_state &list = found.lists[number];
     list.after = list.before;
     list.status_after = list.status_before;
     const std::string path = list_path(number);
-    if (!take_list(made, found, path, list))
-        take_list(made, found, real_path(path), list);
+    taking end = take_list(made, found, path, list);
+    if (end == taking::none)
+        end = take_list(made, found, real_path(path), list);
+    return end != taking::failed;
 }
 
 void look_at_top(const stage &made, changes &found, std::size_t layer)
 {
     const std::string &path = made.where.covered[layer].named;
-    struct stat before {};
-    struct stat after {};
+    struct stat before = {};
+    struct stat after = {};
     if (stat(path.c_str(), &before) == 0 && fstat(found.layers[layer].get(), &after) == 0 &&
         !same_attributes(before, after))
         found.entries.push_back({kind::attributes, path, layer, path.size(), before, after});
@@ -176,6 +191,7 @@ void look_at_top(const stage &made, changes &found, std::size_t layer)
 
 void note_lists(changes &found)
 {
+    clock_gettime(CLOCK_REALTIME_COARSE, &found.since);
     for (int number = 0; number < list_count; ++number) {
         list_state &list = found.lists[number];
         const std::string path = list_path(static_cast<list_number>(number));
@@ -195,7 +211,8 @@ bool find_changes(const stage &made, changes &found)
     for (std::size_t layer = 0; layer < count; ++layer)
         found.layers.push_back(open_layer(made, layer));
     for (int number = 0; number < list_count; ++number)
-        read_list(made, found, static_cast<list_number>(number));
+        if (!read_list(made, found, static_cast<list_number>(number)))
+            return false;
     for (std::size_t layer = 0; layer < count; ++layer) {
         const place &at = made.where.covered[layer];
         if (!at.is_shown)
@@ -217,22 +234,33 @@ bool find_differences(owned_fd tree, changes &found)
     found.entries.clear();
     found.layers.push_back(std::move(tree));
     const int root = found.layers[0].get();
+    bool has_list = false;
     for (int number = 0; number < list_count; ++number) {
         list_state &list = found.lists[number];
         list.after = list.before;
         list.status_after = list.status_before;
-        const std::string path = real_path(list_path(static_cast<list_number>(number)));
-        struct stat kept {};
-        if (!path.empty() && fstatat(root, path.c_str() + 1, &kept, AT_SYMLINK_NOFOLLOW) == 0) {
-            list.after = file_bytes_at(root, path.c_str() + 1);
-            list.status_after = kept;
-        }
+        const std::string path = list_path(static_cast<list_number>(number));
+        const std::string real = real_path(path);
+        const std::string dir = real_path(dir_of(path));
+        // It may be gone, and its directory with it.
+        const std::string kept = !real.empty() ? real : (dir.empty() ? dir_of(path) : dir) + "/" + name_of(path);
+        const taking end = take_list(root, kept.substr(1), list);
+        if (end == taking::failed)
+            return false;
+        has_list = has_list || end == taking::done;
+    }
+    if (!has_list) {
+        errno = ENOENT;
+        return false;
     }
     const int fd = openat(root, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0 || !walk_dir({found, 0, 1, lists}, "", fd))
         return false;
-    std::erase_if(found.entries, [](const change &entry) {
-        return !S_ISREG(entry.after.st_mode) || entry.what == kind::loss || entry.before.st_mode == 0;
+    const std::string top = mailnames_dir() + "/";
+    std::erase_if(found.entries, [&](const change &entry) {
+        struct stat dir = {};
+        return !S_ISREG(entry.after.st_mode) || entry.what == kind::loss || !entry.path.starts_with(top) ||
+               stat(dir_of(entry.path).c_str(), &dir) != 0;
     });
     return true;
 }
@@ -240,12 +268,24 @@ bool find_differences(owned_fd tree, changes &found)
 std::optional<std::string> file_bytes_at(int dir, const char *name)
 {
     const owned_fd file(openat(dir, name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
-    content text{};
-    if (file.get() < 0 || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        !read_rest(file.get(), text, static_cast<std::size_t>(status.st_size)))
+    struct stat status = {};
+    if (file.get() < 0 || fstat(file.get(), &status) != 0)
         return std::nullopt;
-    return std::string(view(text));
+    return bytes_of(file.get(), status);
+}
+
+// Whoever owns a directory on the way may have put a link to any file of the system there since it was looked at.
+std::optional<std::string> old_bytes(const change &of)
+{
+    safe_dir dir{};
+    const char *name = nullptr;
+    struct stat now = {};
+    if (!safe_find_dir(of.path.c_str(), dir, name))
+        return std::nullopt;
+    const owned_fd file(openat(dir.fd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.get() < 0 || fstat(file.get(), &now) != 0 || !is_same_file(now, of.before))
+        return std::nullopt;
+    return bytes_of(file.get(), now);
 }
 
 std::optional<std::string> new_bytes(const changes &found, const change &of)

@@ -37,23 +37,29 @@ struct list_state {
 };
 
 struct changes {
+    struct timespec since;      // when the stage was begun, by the clock of the files
     std::deque<change> entries; // but for the lists, in the order of their paths
     list_state lists[list_count];
     std::vector<owned_fd> layers; // by number
 };
 
-// Notes the lists as they are; before the stage is made.
+// Notes the lists as they are, and the time; before the stage is made.
 void note_lists(changes &found);
 
 // Finds what the staged run changed. False with the error in errno.
 bool find_changes(const stage &made, changes &found);
 
 // What of a tree of files, laid out from the root directory on, differs from the files that are there: the lists, and
-// the other files where there still is one. Directories count for nothing.
+// the files of mailboxes that still have their directory. Directories count for nothing. False with the error in errno:
+// ENOENT when the tree has none of the lists.
 bool find_differences(owned_fd tree, changes &found);
 
 // The bytes that the run left in a file.
 std::optional<std::string> new_bytes(const changes &found, const change &of);
+
+// The bytes that the file had before the run: none when it is no regular file, cannot be read, or is another by now. No
+// link is followed to what others could not read.
+std::optional<std::string> old_bytes(const change &of);
 
 // The bytes of a file that is there, none where it is no regular file. Never waits.
 std::optional<std::string> file_bytes_at(int dir, const char *name);

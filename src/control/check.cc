@@ -93,7 +93,9 @@ bool check_component(MYSQL *db, check_result &result, const char *name)
     const owned_rows rows = panel_db_rows(db, formatted(component_query, name));
     const MYSQL_ROW row = rows && mysql_num_rows(rows.get()) == 1 ? mysql_fetch_row(rows.get()) : nullptr;
     if (!row || !row[0]) {
-        add(result, false, std::string("component ") + name + ": Components has not one row with its version");
+        add(result, false,
+            std::string("component ") + name +
+                ": Components has not one row with its version: repair the panel's database");
         return false;
     }
     add(result, true, std::string("component ") + name + ": " + row[0]);
@@ -115,7 +117,7 @@ void check_directory(check_result &result, const std::string &path)
 
 void check_program(check_result &result, const std::string &path)
 {
-    struct stat status {};
+    struct stat status = {};
     const bool is_fine = stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0 &&
                          access(path.c_str(), X_OK) == 0;
     add(result, is_fine, "program " + path + (is_fine ? "" : ": it is missing or cannot be run: install it again"));
@@ -163,9 +165,7 @@ void check_ground(check_result &result)
     for (const std::string &path : {qmail + "/control", qmail + "/users", existing(QMAIL_MAILNAMES_D),
                                     std::string(PRODUCT_ROOT_D) + "/var/lock/files"})
         check_directory(result, path);
-    check_program(result, qmail + "/bin/qmail-newu");
-    if (!conf_get("NO_RESTART_DAEMON"))
-        check_program(result, std::string(PRODUCT_RC_D) + "/qmail");
+    check_programs(result);
 }
 
 void check_database(MYSQL *db, const run_mode &mode, check_result &result, bool &has_antivirus)
@@ -190,6 +190,13 @@ void check_database(MYSQL *db, const run_mode &mode, check_result &result, bool 
 }
 
 } // namespace
+
+void check_programs(check_result &result)
+{
+    check_program(result, std::string(QMAIL_ROOT_D) + "/bin/qmail-newu");
+    if (!conf_get("NO_RESTART_DAEMON"))
+        check_program(result, std::string(PRODUCT_RC_D) + "/qmail");
+}
 
 // The keys are looked up one by one, so that all that are missing can be told.
 bool check_configuration(check_result &result)

@@ -28,9 +28,11 @@ constexpr const char *stage_place = "/sys";
 
 constexpr const char *password_path = "/etc/vlq/.vlq.shadow";
 
-// Notes its name and arguments as a line.
+// Notes its name and arguments as one line, whatever line ends they hold.
 constexpr const char *stand_in = "#!/bin/sh\n"
-                                 "{ printf '%s' \"${0##*/}\"; for a; do printf ' %s' \"$a\"; done; echo; } "
+                                 "set -f\n"
+                                 "IFS='\n'\n"
+                                 "{ printf '%s' \"${0##*/}\"; for a; do printf ' %s' $a; done; echo; } "
                                  ">>/sys/calls\n";
 
 [[noreturn]] void give_up(const inner_run &run, const std::string &what)
@@ -55,7 +57,7 @@ void close_each(const inner_run &run)
     const owned_mounts mounts(setmntent("/proc/self/mounts", "re"));
     constexpr unsigned long kept = MS_NOSUID | MS_NODEV | MS_NOEXEC;
     while (const struct mntent *entry = mounts ? getmntent(mounts.get()) : nullptr) {
-        struct statvfs now {};
+        struct statvfs now = {};
         if (statvfs(entry->mnt_dir, &now) != 0 || (now.f_flag & ST_RDONLY) != 0)
             continue;
         if (mount(nullptr, entry->mnt_dir, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY | (now.f_flag & kept), nullptr) !=
@@ -64,17 +66,40 @@ void close_each(const inner_run &run)
     }
 }
 
+// Out of a plain directory that chroot has made the root: the present directory is left outside of a new one.
+bool leave_chroot()
+{
+    struct stat here = {};
+    struct stat above = {};
+    if (chdir("/") != 0 || chroot(stage_place) != 0)
+        return false;
+    do {
+        if (stat(".", &here) != 0 || chdir("..") != 0 || stat(".", &above) != 0)
+            return false;
+    } while (here.st_dev != above.st_dev || here.st_ino != above.st_ino);
+    return chroot(".") == 0;
+}
+
+bool make_mounts_private()
+{
+    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
 void close_everything(const inner_run &run)
 {
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        give_up(run, "the mounts cannot be made private (not in a plain chroot: plain mboxfix works there)");
-    struct mount_attr closed {};
+    const owned_fd root(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // EINVAL: the root is no mount that could be changed, but lies on one that is to be reached from above.
+    if (!make_mounts_private() && (errno != EINVAL || !leave_chroot() || !make_mounts_private()))
+        give_up(run, "the mounts cannot be made private (plain mboxfix works without)");
+    struct mount_attr closed = {};
     closed.attr_set = MOUNT_ATTR_RDONLY;
-    if (mount_setattr(AT_FDCWD, "/", AT_RECURSIVE, &closed, sizeof closed) == 0)
-        return;
-    if (errno != ENOSYS)
-        give_up(run, "the system cannot be closed to writing");
-    close_each(run);
+    if (mount_setattr(AT_FDCWD, "/", AT_RECURSIVE, &closed, sizeof closed) != 0) {
+        if (errno != ENOSYS)
+            give_up(run, "the system cannot be closed to writing");
+        close_each(run);
+    }
+    if (fchdir(root.get()) != 0 || chroot(".") != 0)
+        give_up(run, "the root cannot be entered again");
 }
 
 void enter_stage(const inner_run &run)
@@ -113,7 +138,7 @@ void stand_in_for_programs(const inner_run &run)
                              formatted("%s/admin/bin/virsetup", PRODUCT_ROOT_D),
                              formatted("%s/admin/bin/spamsetup", PRODUCT_ROOT_D)};
     for (const text &path : programs) {
-        struct stat status {};
+        struct stat status = {};
         if (stat(path, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0 && access(path, X_OK) == 0)
             mount_or_give_up(run, "stand-in", path.c_str(), nullptr, MS_BIND, nullptr);
     }
@@ -123,7 +148,7 @@ void stand_in_for_programs(const inner_run &run)
 void copy_password(const inner_run &run)
 {
     const owned_fd from(open(password_path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    struct stat status {};
+    struct stat status = {};
     if (from.get() < 0 || fstat(from.get(), &status) != 0)
         return; // the run says so
     const owned_fd to(open("password", O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
@@ -135,7 +160,8 @@ void copy_password(const inner_run &run)
 void start(const inner_run &run, int out, int err)
 {
     const int in = open("/dev/null", O_RDONLY);
-    if (dup2(in, STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0 || chdir("/") != 0)
+    if (in < 0 || dup2(in, STDIN_FILENO) < 0 || dup2(out, STDOUT_FILENO) < 0 || dup2(err, STDERR_FILENO) < 0 ||
+        chdir("/") != 0)
         _exit(127);
     umask(022);
     execl(run.program, run.program, run.option, static_cast<char *>(nullptr));

@@ -79,14 +79,17 @@ std::string masked(std::string_view text)
     std::string result;
     for (const std::string_view line : lines_of(text)) {
         const std::size_t name_end = line.find(':');
-        const std::size_t hash_end = name_end == line.npos ? line.npos : line.find(':', name_end + 1);
-        if (hash_end == line.npos) {
+        if (name_end == line.npos) {
             append_line(result, line);
             continue;
         }
+        const std::string_view rest = line.substr(name_end + 1);
+        std::size_t hash_end = rest.find(":popuser:"); // a hash of another program's may have a colon
+        if (hash_end == rest.npos)
+            hash_end = std::min(rest.find(':'), rest.size());
         result += line.substr(0, name_end + 1);
-        result += line[name_end + 1] == '!' ? "!(hash)" : "(hash)";
-        append_line(result, line.substr(hash_end));
+        result += rest.starts_with('!') ? "!(hash)" : "(hash)";
+        append_line(result, rest.substr(hash_end));
     }
     return result;
 }

@@ -21,7 +21,8 @@ std::string common_lines(std::string_view text, std::string_view other);
 // `text` without the lines that `before` has and `after` has not, and then those that `after` has and it has not yet.
 std::string merged_lines(std::string_view text, std::string_view before, std::string_view after);
 
-// A text of colon-separated records with each second field but its "!" as "(hash)".
+// A text of records of users/poppasswd with what stands between the name and ":popuser:", but its "!", as "(hash)"; in
+// any other record that is the second field.
 std::string masked(std::string_view text);
 
 // The number of lines that begin with this byte.

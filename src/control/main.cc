@@ -1,5 +1,6 @@
 #include "common/error.h"
 #include "common/startup.h"
+#include "control/outcome.h"
 #include "control/restore.h"
 #include "control/say.h"
 #include "control/session.h"
@@ -7,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <poll.h>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -109,6 +111,17 @@ int run_command(const command_line &given, const std::string &pager_command)
     return given.wants_list ? list_command() : restore_command(given.copy);
 }
 
+// A reader that has seen enough is no failure. What cannot be shown was not done, where showing is all there is to do.
+int finish(int status, bool only_shows)
+{
+    pollfd out = {STDOUT_FILENO, POLLOUT, 0};
+    if ((fflush(stdout) == 0 && ferror(stdout) == 0) || poll(&out, 1, 0) < 0 ||
+        (out.revents & (POLLERR | POLLNVAL)) != 0)
+        return status;
+    complain("standard output cannot be written");
+    return only_shows ? untouched : status;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -122,9 +135,9 @@ int main(int argc, char **argv)
     const std::vector<std::string_view> words(argv + (argc > 0 ? 1 : 0), argv + argc);
     for (const std::string_view word : words) {
         if (word == "--help")
-            return fputs(usage_text, stdout) < 0 ? misused : 0;
+            return finish(fputs(usage_text, stdout) < 0 ? misused : 0, true);
         if (word == "--version")
-            return puts("mboxfixctl " MBOXFIX_VERSION) < 0 ? misused : 0;
+            return finish(puts("mboxfixctl " MBOXFIX_VERSION) < 0 ? misused : 0, true);
     }
     command_line given{};
     if (!read_command_line(words, given)) {
@@ -135,5 +148,6 @@ int main(int argc, char **argv)
         complain("must be run as root");
         return misused;
     }
-    return run_command(given, pager_command);
+    const bool only_shows = given.command == "check" || given.command == "preview" || given.wants_list;
+    return finish(run_command(given, pager_command), only_shows);
 }

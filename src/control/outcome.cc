@@ -28,6 +28,14 @@ double seconds_since(instant start)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
+void drop_copy(session &at)
+{
+    if (!at.copy.empty())
+        unlink(at.copy.c_str());
+    at.copy.clear();
+    at.copy_tree = owned_fd();
+}
+
 bool prepare(owned_fd &lock)
 {
     check_result result{};
@@ -36,7 +44,7 @@ bool prepare(owned_fd &lock)
         return !complain_of(result);
     if (take_run_lock(lock, holder))
         return true;
-    complain("another run is at work: %s", holder.empty() ? "its process is not seen from here" : holder.c_str());
+    complain("another run is at work: %s", holder.c_str());
     return false;
 }
 
@@ -59,19 +67,20 @@ int give_up(const std::vector<std::string> &causes)
 
 int end_badly(const session &at, publish_end end)
 {
-    const std::string cause = end == publish_end::interrupted
+    const bool is_ended = end == publish_end::changed && noted_signal() != 0; // the stage, made again
+    const std::string cause = end == publish_end::interrupted || is_ended
                                   ? std::string("interrupted by ") + strsignal(noted_signal())
                               : end == publish_end::changed ? "other programs keep changing the files"
                                                             : at.state.cause;
     complain("%s", cause.c_str());
     if (!at.state.has_begun) {
-        if (!at.copy.empty())
-            unlink(at.copy.c_str());
         complain("nothing has been changed");
+        log_line("%s: nothing has been changed: %s", at.command.c_str(), cause.c_str());
         return untouched;
     }
     tell_in_place(at);
-    complain("what is missing comes with the next mboxfixctl apply");
+    complain("what is missing comes with the next mboxfixctl %s",
+             at.command.starts_with("restore") ? at.command.c_str() : "apply");
     log_line("%s: failed: %s", at.command.c_str(), cause.c_str());
     log_to_system((at.command + ": failed: " + cause).c_str());
     return failed;

@@ -23,6 +23,7 @@ inline constexpr int max_stages = 3;
 struct session {
     std::string command; // for the log
     std::string copy;    // its path, once it is made
+    owned_fd copy_tree;  // what is in it
     publishing state;
     double stage_seconds;
     double publish_seconds;
@@ -30,6 +31,9 @@ struct session {
 
 using instant = std::chrono::steady_clock::time_point;
 double seconds_since(instant start);
+
+// Removes the copy again: nothing has been changed.
+void drop_copy(session &at);
 
 // Loads the configuration and takes the run's lock. False after a complaint.
 bool prepare(owned_fd &lock);

@@ -50,8 +50,8 @@ void add_place(places &found, const std::string &real, const std::string &named,
 
 void note_link(places &found, int dir, const char *name, const std::string &path, std::vector<std::string> &ahead)
 {
-    struct stat link {};
-    struct stat end {};
+    struct stat link = {};
+    struct stat end = {};
     if (fstatat(dir, name, &link, AT_SYMLINK_NOFOLLOW) != 0)
         return;
     if (link.st_uid != 0) {
@@ -77,7 +77,7 @@ void find_links(places &found, const std::string &path, int depth)
         if (name == "." || name == ".." || !is_of_interest(depth, name))
             continue;
         unsigned char type = entry->d_type;
-        struct stat status {};
+        struct stat status = {};
         if (type == DT_UNKNOWN && fstatat(fd, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0)
             type = static_cast<unsigned char>(IFTODT(status.st_mode));
         const std::string entry_path = (path + "/").append(name);
@@ -97,7 +97,7 @@ void find_list_links(places &found)
 {
     for (int number = 0; number < list_count; ++number) {
         const std::string path = list_path(static_cast<list_number>(number));
-        struct stat link {};
+        struct stat link = {};
         if (lstat(path.c_str(), &link) != 0 || !S_ISLNK(link.st_mode))
             continue;
         const std::string real = real_path(path);
@@ -129,9 +129,29 @@ std::string name_of(const std::string &path)
     return path.substr(path.rfind('/') + 1);
 }
 
+std::string mailnames_dir()
+{
+    return dir_of(std::string(QMAIL_MAILNAMES_D) + "/");
+}
+
+bool is_below_maildir(std::string_view path)
+{
+    const std::string top = mailnames_dir();
+    if (!path.starts_with(top + "/"))
+        return false;
+    path.remove_prefix(top.size());
+    const auto skip_slashes = [&path] { path.remove_prefix(std::min(path.find_first_not_of('/'), path.size())); };
+    skip_slashes();
+    for (int depth = 1; depth < mailbox_depth; ++depth) {
+        path.remove_prefix(std::min(path.find('/'), path.size()));
+        skip_slashes();
+    }
+    return path.starts_with("Maildir/");
+}
+
 std::string existing(std::string path)
 {
-    struct stat status {};
+    struct stat status = {};
     while (path != "/" && (stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)))
         path = dir_of(path);
     return path;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 // Where a run of mboxfix can write: the directories of the configuration, or the nearest above one that is missing;
@@ -30,6 +31,12 @@ std::string list_path(list_number number);
 
 // The path without links; empty where there is nothing.
 std::string real_path(const std::string &path);
+
+// The mailnames directory, without slashes at the end.
+std::string mailnames_dir();
+
+// Whether a path lies in the Maildir of a mailbox; a domain or a mailbox may be called so, too.
+bool is_below_maildir(std::string_view path);
 
 // A path's directory and last part.
 std::string dir_of(const std::string &path);

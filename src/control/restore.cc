@@ -1,18 +1,39 @@
 #include "control/restore.h"
 
+#include "common/conf.h"
+#include "common/error.h"
+#include "control/check.h"
 #include "control/copies.h"
 #include "control/obstacles.h"
 #include "control/outcome.h"
 #include "control/say.h"
 #include "control/signals.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+// A restore that was cut off may have put the list in place and told nobody.
+bool concerns_antivirus(const changes &found)
+{
+    const list_state &list = found.lists[recipients];
+    return is_list_changed(list) ||
+           (list.after && access(formatted("%s/admin/bin/virsetup", PRODUCT_ROOT_D), X_OK) == 0);
+}
+
+} // namespace
 
 int restore_command(std::string copy)
 {
     session at{};
     owned_fd lock;
     if (!prepare(lock))
+        return untouched;
+    check_result programs{};
+    check_programs(programs);
+    if (complain_of(programs))
         return untouched;
     publish_end end = publish_end::changed;
     for (int turn = 0; turn < max_stages && end == publish_end::changed; ++turn) {
@@ -25,13 +46,13 @@ int restore_command(std::string copy)
         if (tree.get() < 0)
             return give_up({cause});
         if (!find_differences(std::move(tree), found))
-            return give_up({copy + " cannot be looked at"});
+            return give_up({copy + (errno == ENOENT ? " has none of this system's lists" : " cannot be looked at")});
         if (const std::vector<std::string> causes = find_obstacles(found); !causes.empty())
             return give_up(causes);
         at.stage_seconds = seconds_since(start);
         note_signals();
         const auto keep_none = [](std::string &) { return true; };
-        end = publish(found, is_list_changed(found.lists[recipients]), keep_none, at.state);
+        end = publish(found, concerns_antivirus(found), keep_none, at.state);
         at.publish_seconds = seconds_since(start) - at.stage_seconds;
         end_progress();
         if (end == publish_end::changed && !at.state.has_begun)

@@ -107,7 +107,7 @@ void check_domains(panel_rows &rows)
         const std::string what = "domain " + or_null(row[domain_name]);
         if (!check_domain_name(rows, what, row[domain_name]))
             continue;
-        if (rows.keys.at(*domain_key(row[domain_name])) == number_of(row[domain_id]))
+        if (rows.keys.at(domain_key(row[domain_name]).value_or("")) == number_of(row[domain_id]))
             rows.domains.emplace(row[domain_id], row[domain_name]);
         else
             pass_over(rows, what, "another has its ASCII form");
@@ -123,7 +123,7 @@ void check_domain_aliases(panel_rows &rows)
         const std::string what = "domain alias " + or_null(row[1]);
         if (!rows.domains.contains(row[0]) || !check_domain_name(rows, what, row[1]))
             continue;
-        const std::string key = *domain_key(row[1]);
+        const std::string key = domain_key(row[1]).value_or("");
         if (rows.keys.contains(key) || !seen.insert(key).second)
             pass_over(rows, what, "another has its ASCII form");
     }
@@ -206,7 +206,7 @@ std::size_t count_missing_mailboxes(MYSQL *db)
     std::size_t missing = 0;
     while (const MYSQL_ROW row = answer ? mysql_fetch_row(answer.get()) : nullptr) {
         const owned_text ascii = row[0] ? idn_toascii(row[0]) : nullptr;
-        struct stat status {};
+        struct stat status = {};
         if (ascii && row[1] && stat(mailbox_dir(ascii, row[1]), &status) != 0)
             ++missing;
     }

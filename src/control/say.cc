@@ -4,6 +4,7 @@
 #include "common/file_bytes.h"
 #include "common/owned.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -36,6 +37,44 @@ __attribute__((format(printf, 1, 0))) std::string vformatted(const char *format,
     return text ? text.get() : format;
 }
 
+void say(const std::string &text)
+{
+    end_progress();
+    fprintf(stderr, "mboxfixctl: %s\n", printable(text).c_str());
+}
+
+bool is_harmless(char32_t character)
+{
+    const bool is_control = (character < 32 && character != '\t') || (character >= 127 && character < 160);
+    const bool turns_the_line = (character >= 0x200e && character <= 0x200f) ||
+                                (character >= 0x2028 && character <= 0x202e) ||
+                                (character >= 0x2066 && character <= 0x2069);
+    return !is_control && !turns_the_line;
+}
+
+// The bytes of the character of UTF-8 that the text begins with; 0 when there is none, or none that may be shown.
+std::size_t character_length(std::string_view text)
+{
+    const auto first = static_cast<unsigned char>(text[0]);
+    const std::size_t length = first < 0x80   ? 1
+                               : first < 0xc2 ? 0
+                               : first < 0xe0 ? 2
+                               : first < 0xf0 ? 3
+                               : first < 0xf5 ? 4
+                                              : 0;
+    if (length == 0 || length > text.size())
+        return 0;
+    char32_t character = length == 1 ? first : first & (0x7fU >> length);
+    for (std::size_t at = 1; at < length; ++at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        if ((byte & 0xc0) != 0x80)
+            return 0;
+        character = character << 6 | (byte & 0x3f);
+    }
+    const bool is_shortest = length < 3 || character >= (length == 3 ? 0x800U : 0x10000U);
+    return is_shortest && is_harmless(character) ? length : 0;
+}
+
 } // namespace
 
 void say_quietly()
@@ -47,10 +86,17 @@ void complain(const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    const std::string text = vformatted(format, arguments);
+    say(vformatted(format, arguments));
     va_end(arguments);
-    end_progress();
-    fprintf(stderr, "mboxfixctl: %s\n", printable(text).c_str());
+}
+
+void tell(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    if (!is_quiet)
+        say(vformatted(format, arguments));
+    va_end(arguments);
 }
 
 void show_progress(const char *what, std::size_t done, std::size_t total)
@@ -87,7 +133,7 @@ void log_line(const char *format, ...)
     va_end(arguments);
     const owned_fd log(open(log_path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640));
     const time_t now = time(nullptr);
-    struct tm local {};
+    struct tm local = {};
     char stamp[32];
     strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", localtime_r(&now, &local));
     const std::string line = std::string(stamp) + " " + text + "\n";
@@ -105,10 +151,16 @@ void log_to_system(const char *text)
     closelog();
 }
 
-std::string printable(std::string text)
+std::string printable(std::string_view text)
 {
-    for (char &byte : text)
-        if ((static_cast<unsigned char>(byte) < 32 && byte != '\t') || byte == 127)
-            byte = '?';
-    return text;
+    std::string shown;
+    while (!text.empty()) {
+        const std::size_t length = character_length(text);
+        if (length == 0)
+            shown += '?';
+        else
+            shown += text.substr(0, length);
+        text.remove_prefix(std::max<std::size_t>(length, 1));
+    }
+    return shown;
 }

@@ -63,10 +63,13 @@ bool is_anything_changed(const changes &found)
     return !found.entries.empty();
 }
 
+// The question goes to where it is seen.
 bool is_agreed_to()
 {
-    fputs("Put this in place? (y/N) ", stdout);
     fflush(stdout);
+    FILE *seen = isatty(STDOUT_FILENO) ? stdout : stderr;
+    fputs("Put this in place? (y/N) ", seen);
+    fflush(seen);
     char answer[16];
     return fgets(answer, sizeof answer, stdin) && (answer[0] == 'y' || answer[0] == 'Y');
 }
@@ -76,10 +79,12 @@ publish_end publish_once(session &at, const changes &found, bool calls_virsetup)
     const instant start = std::chrono::steady_clock::now();
     note_signals();
     const auto keep = [&](std::string &cause) {
-        return !is_anything_changed(found) || keep_copy(found, at.copy, cause);
+        return !is_anything_changed(found) || keep_copy(found, at.copy_tree, at.copy, cause);
     };
     const publish_end end = publish(found, calls_virsetup, keep, at.state);
     end_progress();
+    if (end != publish_end::done && !at.state.has_begun)
+        drop_copy(at);
     at.publish_seconds = seconds_since(start);
     return end;
 }
@@ -107,20 +112,22 @@ publish_end stage_and_publish(session &at, const run_mode &mode, std::size_t dom
         goes_on = make_stage(mode, domains, made, found);
         const std::vector<std::string> causes = goes_on ? find_refusals(made, found) : std::vector<std::string>();
         at.stage_seconds = seconds_since(start);
-        if (!causes.empty()) {
+        if (turn == 0 || !causes.empty())
             show_reports(made);
-            fflush(stdout);
-        }
+        fflush(stdout);
         goes_on = goes_on && causes.empty();
         if (!goes_on) {
             give_up(causes);
-            return end;
+            at.state.cause = "it could not be staged again";
+            return noted_signal() != 0 ? publish_end::interrupted : publish_end::failed;
         }
         if (turn == 0) {
             const std::string summary = summary_of(made, found);
             fputs(summary.c_str(), stdout);
+            fflush(stdout);
             goes_on = is_agreed || is_agreed_to();
-            for (const std::string_view line : lines_of(summary))
+            const std::string_view agreed = goes_on ? std::string_view(summary) : std::string_view();
+            for (const std::string_view line : lines_of(agreed))
                 log_line("%s: %.*s", at.command.c_str(), static_cast<int>(line.size()), line.data());
         }
         if (!goes_on || !mode.with_rebuild)
@@ -193,10 +200,10 @@ int apply_command(const run_mode &mode, bool is_agreed)
         return end_badly(at, end);
     lock = owned_fd();
     note_signals();
-    if (result.has_spam_filter && !replay_spam_settings()) {
+    if (result.has_spam_filter && (noted_signal() != 0 || !replay_spam_settings())) {
         at.state.has_begun = true;
         at.state.cause = "mboxfix --spam-only failed";
-        return end_badly(at, publish_end::failed);
+        return end_badly(at, noted_signal() != 0 ? publish_end::interrupted : publish_end::failed);
     }
     tell_done(at);
     return done;

@@ -75,7 +75,7 @@ bool is_shown(int number, const list_state &list)
 void print_lines(char sign, const std::vector<std::string_view> &lines, std::size_t from, std::size_t to)
 {
     for (std::size_t at = from; at < to; ++at)
-        printf("%c%s\n", sign, printable(std::string(lines[at])).c_str());
+        printf("%c%s\n", sign, printable(lines[at]).c_str());
 }
 
 std::string hunk_range(std::size_t from, std::size_t count)
@@ -121,13 +121,17 @@ void print_diff(const std::string &path, const std::string &before, const std::s
     const std::string new_label = path + " (rebuilt)";
     const char *const argv[] = {"diff",    "--text",          "-u",     "--label", path.c_str(),
                                 "--label", new_label.c_str(), old_path, new_path,  nullptr};
+    const owned_fd output = memory_file("");
     fflush(stdout);
-    const pid_t child = fork_execv(STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, "/usr/bin/diff", argv);
+    const pid_t child = fork_execv(STDIN_FILENO, output.get(), STDERR_FILENO, "/usr/bin/diff", argv);
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR)
         ;
-    if (!WIFEXITED(status) || WEXITSTATUS(status) > 1)
-        print_short_diff(path, before, after);
+    const auto diff = file_bytes_at(AT_FDCWD, formatted("/proc/self/fd/%d", output.get()));
+    if (!diff || !WIFEXITED(status) || WEXITSTATUS(status) > 1)
+        return print_short_diff(path, before, after);
+    for (const std::string_view line : lines_of(*diff))
+        printf("%s\n", printable(line).c_str());
 }
 
 void show_list(int number, const list_state &list)
@@ -148,9 +152,7 @@ void show_change(const changes &found, const change &of)
 {
     const std::string path = printable(of.path);
     if (of.what == kind::content || of.what == kind::new_file) {
-        const bool was_file = S_ISREG(of.before.st_mode);
-        const auto before = was_file ? file_bytes_at(AT_FDCWD, of.path.c_str()) : std::nullopt;
-        print_short_diff(path, before.value_or(""), new_bytes(found, of).value_or(""));
+        print_short_diff(path, old_bytes(of).value_or(""), new_bytes(found, of).value_or(""));
     }
     if (of.what == kind::new_directory)
         printf("new directory: %s (%s)\n", path.c_str(), attributes(of.after).c_str());
@@ -171,6 +173,8 @@ std::string summary_of_list(int number, const list_state &list)
     const std::string after = shown(number, list.after);
     const line_counts counts = count_lines(before, after);
     std::string text = list_path(static_cast<list_number>(number)) + ": ";
+    if (!list.before && counts.come == 0)
+        return text + "new, empty\n";
     if (counts.come == 0 && counts.go == 0)
         return text + (before == after ? "owner or mode" : "the order of the lines") + "\n";
     return text + formatted("%zu lines come, %zu go\n", counts.come, counts.go).c_str();
@@ -239,7 +243,7 @@ void show_reports(const stage &made)
     const std::string reports = stage_text(made, "err");
     for (const std::string_view line : lines_of(reports))
         if (!line.empty())
-            printf("would report: %s\n", printable(std::string(line)).c_str());
+            printf("would report: %s\n", printable(line).c_str());
 }
 
 pager::pager(const std::string &command)

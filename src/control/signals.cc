@@ -30,11 +30,11 @@ void end(int)
 void take_signals(void (*handler)(int))
 {
     for (const int number : obeyed) {
-        struct sigaction former {};
+        struct sigaction former = {};
         sigaction(number, nullptr, &former);
         if (former.sa_handler == SIG_IGN)
             continue;
-        struct sigaction wanted {};
+        struct sigaction wanted = {};
         wanted.sa_handler = handler; // without SA_RESTART: a wait for a lock ends with it
         for (const int other : obeyed)
             sigaddset(&wanted.sa_mask, other);
@@ -67,7 +67,7 @@ int noted_signal()
 void forget_signals()
 {
     for (const int number : obeyed) {
-        struct sigaction former {};
+        struct sigaction former = {};
         sigaction(number, nullptr, &former);
         if (former.sa_handler != SIG_IGN)
             signal(number, SIG_DFL);

@@ -31,7 +31,7 @@ bool make_layout(const stage &made)
         for (const char *name : {"l", "u", "w"})
             if (mkdirat(dir, formatted("%s/%zu", name, number), 0755) != 0)
                 return false;
-        struct stat status {};
+        struct stat status = {};
         const text upper = formatted("u/%zu", number);
         if (stat(made.where.covered[number].real.c_str(), &status) != 0 ||
             fchownat(dir, upper, status.st_uid, status.st_gid, 0) != 0 ||

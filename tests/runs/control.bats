@@ -1,10 +1,14 @@
 load ../helper
 
 # mboxfixctl beside the program, on a host where nothing fits the panel: a domain and a mailbox have gone, one has come.
+# File systems of their own, since overlays cannot be stacked without end, and the host is one already.
 setup_panel() {
-  cp "$(dirname "$MBOXFIX")/mboxfixctl" /usr/local/sbin/
+  for dir in "${own[@]}"; do mount -t tmpfs -o mode=755 own "$dir"; done
+  cp -a /run/former/* /
+  cp "${MBOXFIX%/*}"/mboxfix{,ctl} /usr/local/sbin/
   rm -rf /var/backups/mboxfix /var/log/mboxfixctl.log
   panel
+  sql 'revoke all privileges, grant option from admin@localhost; grant select on vlq.* to admin@localhost'
   mboxfix --without-spam
   sql 'update mail set redirect = "true", redir_addr = "new@far.example" where id = 1;
     insert domains (id, name, cl_id) values (77, "new.example", 1); insert DomainServices (dom_id, type) values (77, "mail")'
@@ -22,6 +26,10 @@ show_end() {
   ! grep mboxfixctl /proc/mounts >>$shown || true
 }
 
+show_log() {
+  sed -E 's/^.{20}//; s/[0-9]{8}-[0-9]{6}\.[0-9]{3}/TIME/; s/in [0-9.]+ s/in N s/g' /var/log/mboxfixctl.log >>$shown
+}
+
 ctl() {
   local status=0
   : >/run/host/calls
@@ -33,7 +41,7 @@ ctl() {
 
 # Every path with its number and times.
 describe() {
-  find /var/qmail /etc /usr/local /var/backups /var/log/mboxfixctl.log ! -path "$locks/*" -printf '%p %y %U:%G %m %s %T@ %C@ %i\n' 2>/dev/null | sort
+  find /var/qmail /etc /usr/local /var/backups /var/log/mboxfixctl.log -printf '%p %y %U:%G %m %s %T@ %C@ %i\n' 2>/dev/null | sort
 }
 
 # A command that must leave everything as it was.
@@ -46,6 +54,12 @@ untouched() {
 refused() {
   untouched apply --yes --quiet --without-spam
   untouched preview --summary --quiet --without-spam
+}
+
+# Turns the order of a file's lines round.
+reverse() {
+  tac "$1" >/run/reversed
+  cat /run/reversed >"$1"
 }
 
 # Runs a command in the background; `ended` shows what became of it.
@@ -67,35 +81,102 @@ wait_until() {
 
 @test "from check to restore" {
   setup_panel
+  sql 'insert mail (id, mail_name, dom_id, account_id, postbox) values (9, "Maildir", 7, 1, "true");
+    update mail set mbox_quota = null where id = 1; update Limits set value = null'
   ctl check --without-spam
+  printf '\302\233\033.example\n' >>/var/qmail/control/rcpthosts
+  echo odd:HASH >>/var/qmail/users/poppasswd
   untouched preview --quiet --without-spam
+  sed -i '$d' /var/qmail/control/rcpthosts /var/qmail/users/poppasswd
   remember
   ctl apply --yes --quiet --without-spam
   changes
+  reverse /var/qmail/users/assign
+  chmod 640 /var/qmail/control/rejectnonexist
   untouched preview --summary --quiet --without-spam
+  reverse /var/qmail/users/assign
+  chmod 644 /var/qmail/control/rejectnonexist
   ctl apply --yes --quiet --without-spam
   stat -c '%n %U:%G %a' /var/backups/mboxfix /var/log/mboxfixctl.log >>$shown
   stat -c '%U:%G %a' /var/backups/mboxfix/*.tar >>$shown
+  show_log
   ctl restore --list
+  head -c 3000 /var/backups/mboxfix/2*.tar >/var/backups/mboxfix/20000101-000000.000.tar
+  untouched restore 20000101-000000.000.tar
+  touch /var/backups/mboxfix/his.tar
+  rm /var/backups/mboxfix/20000101-000000.000.tar /var/qmail/control/rcpthosts $box/.qmail
   ctl restore --quiet "$(mboxfixctl restore --list | tail -n 1)"
   changes
+}
+
+@test "the ten latest copies are kept" {
+  setup_panel
   ctl apply --yes --quiet
+  touch /var/backups/mboxfix/his.tar
   for ((copy = 0; copy < 12; ++copy)); do
     echo gone.example >>/var/qmail/control/rcpthosts
     mboxfixctl apply --yes --quiet >/dev/null
   done
   find /var/backups/mboxfix -name '*.tar' | wc -l >>$shown
+  # As if the clock had been set back since: what is made now stays.
+  touch /var/backups/mboxfix/29990101-00000{0..9}.000.tar
+  echo gone.example >>/var/qmail/control/rcpthosts
+  mboxfixctl apply --yes --quiet >/dev/null
+  find /var/backups/mboxfix -name '2[0-8]*.tar' | wc -l >>$shown
 }
 
 @test "what is misused" {
   setup_panel
-  for words in '' apply apply' x' 'preview --yes' 'check --list' 'restore --list x' 'restore x' 'apply --yes --with-spam --spam-only'; do
+  for words in '' apply apply' x' 'preview --yes' 'check --list' 'restore --list x' restore 'restore x' 'apply --yes --with-spam --spam-only'; do
     # shellcheck disable=SC2086
     untouched $words
     sed -i '/^  /d' $shown
   done
   ctl --version
+  mboxfixctl --version >/dev/full 2>>$shown || echo "[$?]" >>$shown
   session setpriv --reuid=1 --regid=1 --clear-groups mboxfixctl check
+}
+
+# What a check finds after each of some steps; each is undone by the next.
+finds() {
+  local step
+  for step; do
+    eval "$step"
+    printf '# %s\n' "${step//$'\n'/ }" >>$shown
+    untouched check --with-spam
+    sed -i '/^ok\|^\$ mboxfixctl/d' $shown
+  done
+}
+
+@test "a check tells what is wrong" {
+  setup_panel
+  ctl check
+  finds "sql 'update Components set version = 1; alter table mail_redir rename column address to gone'" \
+    "sql 'alter table mail_redir rename column gone to address; alter table mail rename column virusfilter to gone'" \
+    "sql 'alter table mail rename column gone to virusfilter; rename table spamfilter to gone'" \
+    "sql 'rename table gone to spamfilter; insert Components (name, version) values (\"drweb\", 1)'" \
+    "sql 'delete from Components where name = \"drweb\" limit 1'; chmod a-x $bin/*" \
+    "chmod a+x $bin/*; rm /etc/init.d/qmail" \
+    'echo NO_RESTART_DAEMON no >>/etc/vlq/vlq.conf; mv /var/qmail/control/rcpthosts /run/kept; mkdir /var/qmail/control/rcpthosts' \
+    'rmdir /var/qmail/control/rcpthosts; ln -s /run/none /var/qmail/control/rcpthosts' \
+    'rm /var/qmail/control/rcpthosts; mv /run/kept /var/qmail/control/rcpthosts; sed -i /^qmails/d /etc/passwd' \
+    'cp -a /run/former/etc/passwd /etc; mv /etc/drweb/users.conf /run/conf; mkfifo /etc/drweb/users.conf' \
+    'rm /etc/drweb/users.conf; mv /run/conf /etc/drweb/users.conf; mv /etc/vlq/.vlq.shadow /run/kept' 'mv /run/kept /etc/vlq/.vlq.shadow'
+  hold $locks/"$(printf /var/qmail/users/assign | md5sum | cut -c-32)"
+  finds :
+  release
+}
+
+# The order of the rows is the server's.
+@test "a check tells which rows are passed over, and which would end a run" {
+  setup_panel
+  sql 'drop database vlq; create database vlq character set utf8mb4; use vlq; source demo/schema.sql;
+    insert Components (name, version) values ("drweb", "1"), ("vlq-spamassassin", "1"); source tests/runs/odd.sql;'
+  ctl check
+  finds "sql 'insert domains (id, name, cl_id) values (90, \"\", 1), (91, \"quo\\\"te.test\", 1), (92, repeat(\"x\", 64), 1); update mail set mail_name = \"!\" where id = 11;
+    update mail set redir_addr = \"nobody\" where id = 1; update mail_aliases set alias = \"!\" where alias = \"ok\";
+    insert DomainServices (dom_id, type) values (90, \"mail\"), (91, \"mail\"), (92, \"mail\")'"
+  sort -o $shown $shown
 }
 
 @test "a run that would fail touches nothing" {
@@ -126,40 +207,65 @@ wait_until() {
     refused
     umount /var/qmail/$dir
   done
-  rm -r $boxes && mkdir $boxes
+  sql 'delete from domains where id = 77'
+  for dir in $locks $box/Maildir; do
+    mount --bind $dir $dir
+    chown root: $box/Maildir
+    mount -o remount,bind,ro $dir
+    refused
+    umount $dir
+  done
+  cp -a $boxes /var/disk
+  mount -t tmpfs -o mode=755,size=64k small $boxes
+  chgrp qmail $boxes
+  cp -a /var/disk/. $boxes
+  (cat /dev/zero >$boxes/full) 2>/dev/null || true
+  refused
+  umount $boxes
+  sql 'insert domains (id, name, cl_id) values (77, "new.example", 1); insert DomainServices (dom_id, type) values (77, "mail")'
+  rm -r $boxes /var/disk && mkdir $boxes
   for limit in size=8k nr_inodes=9; do
     mount -t tmpfs -o mode=755,$limit small $boxes
     refused
     umount $boxes
   done
+  mkdir -m 750 /var/backups/mboxfix
+  ctl apply --yes --quiet --without-spam
+  rmdir /var/backups/mboxfix
   mboxfix --without-spam
-  rm -r $box/Maildir
+  echo 1 >$box/@mbox.quota
+  mkdir $box/@mbox.quota.tmp
+  refused
+  rm -r $box/@mbox.quota.tmp $box/Maildir
   echo mail >$box/Maildir
   chown popuser: $box/Maildir
   refused
-  rm -rf $box /var/disk
-  install -d -o popuser -g popuser /var/disk
-  ln -s /var/disk $box
+  rm -rf $box /run/disk
+  install -d -o popuser -g popuser /run/disk
+  ln -s /run/disk $box
   chown -h popuser $box
   refused
   chown -h root $box
   ctl apply --yes --quiet --without-spam
-  list /var/disk >>$shown
+  list /run/disk >>$shown
 }
 
 @test "links of root's and mounts lead where they lead" {
   setup_panel
-  mkdir -p /var/disk
-  mv /var/qmail/control/rcpthosts $box /var/disk
-  ln -s /var/disk/rcpthosts /var/qmail/control/rcpthosts
-  ln -s /var/disk/m $box
-  mkdir $boxes/new.example /var/disk/new.example
-  mount --bind /var/disk/new.example $boxes/new.example
+  mkdir -p /run/disk
+  mv /var/qmail/control/rcpthosts $box /run/disk
+  ln -s /run/disk/rcpthosts /var/qmail/control/rcpthosts
+  ln -s /run/disk/m $box
+  mv $boxes /run/disk
+  ln -s /run/disk/mailnames $boxes
+  chmod 700 /run/disk/mailnames
+  mkdir $boxes/new.example /run/disk/new.example
+  mount --bind /run/disk/new.example $boxes/new.example
   untouched preview --quiet --without-spam
   ctl apply --yes --quiet --without-spam
   ctl preview --summary --quiet --without-spam
   umount $boxes/new.example
-  list /var/disk /var/qmail/control >>$shown
+  list /run/disk /var/qmail/control >>$shown
 }
 
 @test "other runs and other editors" {
@@ -179,51 +285,130 @@ wait_until() {
   kill $!
   wait $! || true
   cat /var/qmail/control/rcpthosts >>$shown
+  hold $locks/"$(printf /var/qmail/users/poppasswd | md5sum | cut -c-32)"
+  begin mboxfixctl restore
+  wait_until 'grep -q waiting /run/out'
+  release
+  ended
+}
+
+@test "a mailbox changes during the stage, and goes during the copy" {
+  setup_panel
+  mv /usr/local/sbin/mboxfix /usr/local/sbin/rebuild
+  script /usr/local/sbin/mboxfix 'rebuild "$@"; [ -e /run/late ] || { echo >/run/at; read -r _ </run/go; }'
+  mkfifo /run/at /run/go
+  begin mboxfixctl apply --yes --quiet --without-spam
+  read -r _ </run/at
+  sql 'insert mail_redir (mn_id, address) values (1, "late@far.example")'
+  echo '&late@far.example' >>$box/.qmail
+  touch /run/late
+  echo >/run/go
+  ended
+  mv /usr/local/sbin/rebuild /usr/local/sbin/mboxfix
+  rm /run/at /run/go /run/late
+  cat $box/.qmail >>$shown
+  cp /bin/tar /run/tar
+  printf '#!/bin/sh\n[ -e /run/late ] || rm -r %s; touch /run/late; exec /run/tar "$@"\n' $box >/run/removing
+  chmod 755 /run/removing
+  mount --bind /run/removing /bin/tar
+  rm -r $box/Maildir
+  ctl apply --yes --quiet --without-spam
+  umount /bin/tar
+  list $box >>$shown
 }
 
 @test "interrupted in check, stage, question and publishing" {
   setup_panel
   remember
+  mkfifo /run/at /run/go /run/called
+  mv /usr/local/sbin/mboxfix /usr/local/sbin/rebuild
+  printf '#!/bin/sh\n[ ! -e /run/at ] || { echo >/run/at; read -r _ </run/go; }; exec rebuild "$@"\n' >/usr/local/sbin/mboxfix
+  chmod 755 /usr/local/sbin/mboxfix
   for signal in TERM HUP; do
-    begin env --default-signal=INT mboxfixctl apply --yes --quiet --without-spam
-    wait_until 'pgrep -x mboxfix'
+    begin env --default-signal=INT,HUP mboxfixctl apply --yes --quiet --without-spam
+    wait_until 'read -r _ </run/at'
     kill -$signal $begun
     ended
   done
   changes
-  for moment in 'pgrep -x mboxfix' 'grep -q y/N /run/seen'; do
+  for moment in 'read -r _ </run/at' 'grep -q y/N /run/seen'; do
     mkfifo /run/typed
     : >/run/seen
-    command script -qfec 'mboxfixctl apply --without-spam --quiet' /run/seen </run/typed >/dev/null 2>&1 3>&- &
+    env --default-signal=INT script -qfec 'exec mboxfixctl apply --without-spam --quiet' /run/seen </run/typed >/dev/null 2>&1 3>&- &
     begun=$!
     exec 9>/run/typed
     wait_until "$moment"
     printf '\003' >&9
-    exec 9>&-
-    : >/run/out
+    wait_until 'grep -q "^Script done" /run/seen'
+    sed '/^Script/d; s/\r$//' /run/seen >/run/out
     ended
-    rm /run/typed
+    exec 9>&-
+    rm -f /run/typed /run/at
   done
   changes
-  mkfifo /run/go
-  script /var/qmail/bin/qmail-newu 'read -r _ </run/go'
+  hold $locks/"$(printf $boxes/new.example/.qmail-default | md5sum | cut -c-32)"
   begin mboxfixctl apply --yes --quiet --without-spam
-  wait_until 'pgrep -x qmail-newu'
+  wait_for_waiter >/dev/null
+  kill -TERM $begun
+  ended
+  release
+  changes
+  script /var/qmail/bin/qmail-newu 'echo >/run/called; read -r _ </run/go'
+  begin mboxfixctl apply --yes --quiet --without-spam
+  wait_until 'read -r _ </run/called'
   kill -TERM $begun
   echo >/run/go
   ended
   changes
 }
 
-@test "qmail-newu or the restart fails" {
+# On a terminal, where something is typed.
+typed() {
+  local status=0
+  : >/run/host/calls
+  printf "$1" | command script -qec "$2" /dev/null >/run/out 2>&1 3>&- 4>&- || status=$?
+  echo "# $1, $2" >>$shown
+  perl -pi -e 's/\r\e\[K[^\r\n]*(?=\r\e\[K)//g; s/\r(\e\[K)?//g' /run/out
+  show_end $status
+}
+
+@test "on a terminal" {
   setup_panel
-  for program in qmail-newu qmail; do
+  sql 'insert accounts values (9, "plain", "secret"); insert mail (mail_name, dom_id, account_id, postbox) values ("off", 7, 9, "true");
+    update domains set status = 2 where id = 7'
+  chmod 640 /var/qmail/control/virtualdomains
+  chown 7:8 $box
+  echo 'long:$1$x:y' >>/var/qmail/users/poppasswd
+  reverse /var/qmail/users/poppasswd
+  rm /var/qmail/control/rejectnonexist
+  typed '' 'PAGER="sed s/^/pager:/" mboxfixctl preview --without-spam'
+  typed 'n\n' 'mboxfixctl apply --without-spam'
+  typed 'y\n' 'PAGER=false mboxfixctl apply --without-spam'
+  typed '' 'PAGER=cat mboxfixctl preview --without-spam'
+}
+
+@test "a program fails" {
+  setup_panel
+  timeout 60 perl -MSocket -e 'socket S, AF_UNIX, SOCK_DGRAM, 0; bind S, sockaddr_un("/dev/log");
+    recv(S, $_, 999, 0), print s/^(<\d+>).*\]:/$1/r, "\n" for 1 .. 5' >/run/syslog 3>&- &
+  wait_until '[ -S /dev/log ]'
+  for program in qmail-newu qmail virsetup spamsetup; do
     echo 3 >/run/host/exit/$program
-    ctl apply --yes --quiet --without-spam
+    ctl apply --yes --quiet
     rm /run/host/exit/$program
     cat /var/qmail/control/rcpthosts >>$shown
   done
+  ctl preview --quiet --spam-only
+  ctl apply --yes --quiet --spam-only
+  wait $!
+  show_log
+  cat /run/syslog >>$shown
+  rm /dev/log
+  echo gone.example >>/var/qmail/control/rcpthosts
+  script /etc/init.d/qmail 'echo meanwhile.example >>/var/qmail/control/rcpthosts'
+  sql 'insert domains (id, name, cl_id) values (78, "come.example", 1); insert DomainServices (dom_id, type) values (78, "mail")'
   ctl apply --yes --quiet --without-spam
+  cat /var/qmail/control/rcpthosts >>$shown
 }
 
 # shellcheck disable=SC2016 # perl's own
@@ -238,7 +423,10 @@ wait_until() {
     until (-e "/run/stop") { my $now = names(); ++$reads; ++$missed if grep !$now->{$_}, keys %$all }
     print "missed: $missed", $reads > 100 ? "\n" : " of $reads reads only\n"' >/run/read 3>&- &
   wait_until '[ -e /run/ready ]'
-  for _ in 1 2 3; do mboxfixctl apply --yes --quiet --without-spam >/dev/null; done
+  for _ in 1 2 3; do
+    echo gone.example | tee -a /var/qmail/users/poppasswd >>/var/qmail/control/rcpthosts
+    mboxfixctl apply --yes --quiet --without-spam >/dev/null
+  done
   touch /run/stop
   wait $!
   rm /run/stop /run/ready
@@ -268,10 +456,11 @@ injure() {
   {
     judge_lists "$1"
     ((status <= 2 || status == 137)) || echo "$1: status $status"
+    ((status != 1)) || [[ $(</var/qmail/control/rcpthosts) != gone.example ]] || echo "$1: status 1, untouched"
     ((status != 2)) || [[ ! -e $boxes && $(</var/qmail/users/assign) == gone.example ]] || echo "$1: touched"
     timeout 5 bash -c 'while pgrep mboxfix; do :; done' >/dev/null || echo "$1: processes stay"
     ! grep mboxfixctl /proc/mounts
-    find /var/backups/mboxfix ! -perm /077 -name '*.tar' -newer /run/whole -empty
+    find /var/backups/mboxfix -name '*.tar' \( -empty -o -perm /077 \)
     mboxfixctl apply --yes --quiet --without-spam >/dev/null 2>&1 || echo "$1: no healing"
     list_unsalted | diff /run/before - || echo "$1: another tree"
   } >>$shown
@@ -289,7 +478,12 @@ injure() {
   strace -f -qq -e signal=none -e trace=mount,move_mount,mount_setattr,clone,fsopen,fsconfig,fsmount -o /run/inner mboxfixctl apply --yes --quiet --without-spam >/dev/null
   prepare_injury
   strace -qq -e signal=none -o /run/calls mboxfixctl apply --yes --quiet --without-spam >/dev/null
-  point=0 stride=$((${STRIDE:-40} * 3 - 2))
+  prepare_injury
+  # An older kernel closes each mount by itself.
+  strace -f -qq -o /dev/null -e trace=mount_setattr -e inject=mount_setattr:error=ENOSYS mboxfixctl apply --yes --quiet --without-spam >/dev/null
+  list_unsalted | diff /run/before - >>$shown || true
+  injure 'no process for the copy' -e trace=clone -e inject=clone:error=EAGAIN:when=2
+  point=0 stride=$(((${STRIDE:-80} * 3 - 1) / 2))
   while read -r call when; do
     ((point++ % stride == 0)) || continue
     injure "killed at $call $when" -e trace="$call" -e inject="$call:signal=KILL:when=$when"
@@ -302,4 +496,5 @@ injure() {
     ((point++ % (stride / 8 + 1) == 0)) || continue
     injure "$call $when fails inside" -f -e trace="$call" -e inject="$call:error=EPERM:when=$when"
   done < <(grep -o '[a-z_]*(' /run/inner | awk '{ sub(/\(/, ""); print $1, ++n[$1] }')
+  ((point > 300))
 }
