@@ -1,0 +1,496 @@
+// What mboxfixctl does with texts, rows of files and what a stage holds. As root, in a private host.
+#include "common/conf.h"
+#include "common/error.h"
+#include "common/file_bytes.h"
+#include "control/apart.h"
+#include "control/changes.h"
+#include "control/lines.h"
+#include "control/obstacles.h"
+#include "control/places.h"
+#include "control/put.h"
+#include "control/refusals.h"
+#include "control/say.h"
+#include "control/show.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace {
+
+const std::string control = "/var/qmail/control/";
+const std::string box = "/var/qmail/mailnames/d.example/m";
+
+void write_file(const std::string &path, const std::string &text, mode_t mode = 0600)
+{
+    std::filesystem::create_directories(dir_of(path));
+    std::ofstream(path) << text;
+    chmod(path.c_str(), mode);
+}
+
+struct stat status_of(const std::string &path)
+{
+    struct stat status = {};
+    lstat(path.c_str(), &status);
+    return status;
+}
+
+// A stage of a mailnames directory and of control/, as a run leaves one, in a directory.
+struct hand_made {
+    std::string top = "/run/stage";
+    stage made;
+    changes found{};
+
+    hand_made()
+    {
+        std::filesystem::remove_all(top);
+        std::filesystem::remove_all("/var/qmail/mailnames");
+        write_file(box + "/.qmail", "old\n");
+        for (const char *layer : {"/u/0", "/u/1"})
+            std::filesystem::create_directories(top + layer);
+        made.dir = owned_fd(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        made.where.covered = {{"/var/qmail/mailnames", "/var/qmail/mailnames", true},
+                              {"/var/qmail/control", "/var/qmail/control", true}};
+        made.status = 0;
+        note_lists(found);
+    }
+
+    std::string layer(const std::string &path) const
+    {
+        return top + "/u/" + (path.starts_with(control) ? "1/" + path.substr(control.size()) : "0/" + path.substr(21));
+    }
+
+    void whiteout(const std::string &path) const
+    {
+        std::filesystem::create_directories(dir_of(layer(path)));
+        mknod(layer(path).c_str(), S_IFCHR, makedev(0, 0));
+    }
+
+    std::string changed()
+    {
+        constexpr const char *kinds[] = {"directory", "file", "content", "attributes", "removal", "loss"};
+        if (!find_changes(made, found))
+            return "failed";
+        std::string text;
+        for (const change &entry : found.entries)
+            text += std::string(kinds[static_cast<int>(entry.what)]) + " " + entry.path.substr(11) + "\n";
+        return text;
+    }
+};
+
+std::string joined(const std::vector<std::string> &lines)
+{
+    std::string text;
+    for (const std::string &line : lines)
+        text += line + "\n";
+    return text;
+}
+
+TEST(lines, are_found_counted_and_merged)
+{
+    const auto bracketed = [](std::string_view text) {
+        std::string shown;
+        for (const std::string_view line : lines_of(text))
+            shown += "[" + std::string(line) + "]";
+        return shown;
+    };
+    EXPECT_EQ(bracketed(""), "");
+    EXPECT_EQ(bracketed("\n"), "[]");
+    EXPECT_EQ(bracketed("a\n\nb"), "[a][][b]");
+    EXPECT_EQ(bracketed("a\nb\n"), "[a][b]");
+    const line_counts counts = count_lines("b\na\nb\nb\n", "b\nc\na\nd");
+    EXPECT_EQ(counts.come, 2U);
+    EXPECT_EQ(counts.go, 2U);
+    EXPECT_EQ(common_lines("c\na\nx\nb", "b\nc\n"), "c\nb\n");
+    EXPECT_EQ(count_starting("+a\nb+\n+c", '+'), 2U);
+    // What another program has added stays, what it has taken away does not come back by being there before.
+    EXPECT_EQ(merged_lines("his\nkept\ngoes\n", "kept\ngoes\n", "new\nkept\nnew"), "his\nkept\nnew\n");
+    EXPECT_EQ(merged_lines("his", "", ""), "his\n");
+    EXPECT_EQ(merged_lines("twice\ntwice\n", "", "twice\n"), "twice\ntwice\n");
+}
+
+TEST(lines, are_masked_but_for_what_a_reader_may_know)
+{
+    EXPECT_EQ(masked("u:$1$a$b:popuser:x\n"), "u:(hash):popuser:x\n");
+    EXPECT_EQ(masked("u:!pa:ss:popuser:x"), "u:!(hash):popuser:x\n");
+    EXPECT_EQ(masked("u:hash\nno colon\nu::9:x\n"), "u:(hash)\nno colon\nu:(hash):9:x\n");
+}
+
+TEST(printable, steers_no_terminal)
+{
+    const struct {
+        const char *text;
+        const char *shown;
+    } rows[] = {
+        {"", ""},
+        {"a\tb~ ", "a\tb~ "},
+        {"\033[2J\r\x7f\x01", "?[2J???"},
+        {"ü \u00a0\u2027\u202f\u2065\u206a\u200d\u2010", "ü \u00a0\u2027\u202f\u2065\u206a\u200d\u2010"},
+        {"\u0080\u009f", "????"},
+        {"\u200e\u200f\u2028\u202e\u2066\u2069", "??????????????????"},
+        {"\U0001f600€", "\U0001f600€"},
+        {"\xc1\xbf", "??"},                // longer than it has to be
+        {"\xe0\x9f\xbf", "???"},           // the same
+        {"\xf0\x8f\xbf\xbf", "????"},      // the same
+        {"\xc3", "?"},                     // cut off
+        {"\xe2\x82", "??"},                // the same
+        {"\xc3(", "?("},                   // not gone on with
+        {"\xf5\x80\x80\x80\xff", "?????"}, // beyond what there is
+        {"\xef\xbf\xbd", "\xef\xbf\xbd"},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(printable(row.text), row.shown);
+}
+
+TEST(say, how_far_it_has_come)
+{
+    testing::internal::CaptureStderr();
+    for (std::size_t done = 0; done <= 30; ++done)
+        show_progress("files", done, 30);
+    show_progress("none", 0, 0);
+    show_progress("other", 1, 2);
+    end_progress();
+    complain("a %s\n", "line");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "files: 3 of 30\nfiles: 6 of 30\nfiles: 9 of 30\nfiles: 12 of 30\nfiles: 15 of 30\nfiles: 18 of 30\n"
+              "files: 21 of 30\nfiles: 24 of 30\nfiles: 27 of 30\nfiles: 30 of 30\nother: 1 of 2\n"
+              "mboxfixctl: a line?\n");
+}
+
+TEST(say, what_the_log_keeps)
+{
+    const std::string log = "/var/log/mboxfixctl.log";
+    std::filesystem::remove(log);
+    log_line("one\ntwo");
+    log_line("three");
+    EXPECT_EQ(status_of(log).st_mode, S_IFREG | 0640U);
+    const std::string text = file_bytes_at(AT_FDCWD, log.c_str()).value_or("");
+    EXPECT_EQ(lines_of(text).size(), 2U);
+    EXPECT_EQ(text.substr(19, 9), " one?two\n");
+    std::filesystem::remove(log);
+    symlink("/run/elsewhere", log.c_str());
+    testing::internal::CaptureStderr();
+    log_line("four");
+    log_line("five");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "mboxfixctl: " + log + ": Too many levels of symbolic links\n");
+    EXPECT_FALSE(std::filesystem::exists("/run/elsewhere"));
+    std::filesystem::remove(log);
+}
+
+TEST(places, are_named)
+{
+    EXPECT_EQ(dir_of("/a//b"), "/a");
+    EXPECT_EQ(dir_of("/a"), "/");
+    EXPECT_EQ(dir_of("//a"), "/");
+    EXPECT_EQ(dir_of("a"), "/");
+    EXPECT_EQ(dir_of("/a/b/"), "/a/b");
+    EXPECT_EQ(name_of("/a/b"), "b");
+    EXPECT_EQ(existing("/run//none/below"), "/run");
+    EXPECT_EQ(existing("/etc/passwd"), "/etc");
+    EXPECT_EQ(mailnames_dir(), "/var/qmail/mailnames");
+    for (const char *below : {"/d.example/m/Maildir/cur", "//d.example///m//Maildir/x", "/Maildir/Maildir/Maildir/new"})
+        EXPECT_TRUE(is_below_maildir(mailnames_dir() + below)) << below;
+    for (const char *not_below :
+         {"/d.example/m/Maildir", "/d.example/Maildir/m", "/Maildir/m/x", "2/d/m/Maildir/x", ""})
+        EXPECT_FALSE(is_below_maildir(mailnames_dir() + not_below)) << not_below;
+}
+
+TEST(places, are_found_by_links_of_root_alone)
+{
+    hand_made run;
+    const std::string names = "/var/qmail/mailnames/";
+    for (const char *dir : {"/run/lists", "/run/box/Maildir/tmp", "/run/box/else"})
+        std::filesystem::create_directories(dir);
+    write_file("/run/lists/kept", "");
+    std::filesystem::remove(control + "rcpthosts");
+    symlink("/run/lists/kept", (control + "rcpthosts").c_str());
+    symlink("/run/box", (names + "d.example/link").c_str());
+    const std::string his[] = {names + "d.example/his", "/run/box/Maildir/tmp/cur", "/run/box/Maildir/cur",
+                               "/run/box/else/his", names + "his.example"};
+    for (const std::string &link : his) {
+        symlink("/run/lists", link.c_str());
+        lchown(link.c_str(), 1, 1);
+    }
+    places found;
+    std::string cause;
+    ASSERT_TRUE(find_places(found, cause)) << cause;
+    std::string covered;
+    for (const place &at : found.covered)
+        covered += at.real + " " + at.named + (at.is_shown ? " shown\n" : "\n");
+    EXPECT_EQ(covered, "/etc/drweb /etc/drweb shown\n"
+                       "/run/box /var/qmail/mailnames/d.example/link shown\n"
+                       "/run/lists /run/lists\n"
+                       "/usr/local/vlq/var/lock/files /usr/local/vlq/var/lock/files\n"
+                       "/var/qmail/control /var/qmail/control shown\n"
+                       "/var/qmail/mailnames /var/qmail/mailnames shown\n"
+                       "/var/qmail/users /var/qmail/users shown\n");
+    std::sort(found.strangers.begin(), found.strangers.end());
+    EXPECT_EQ(joined(found.strangers),
+              names + "d.example/his\n" + names + "d.example/link/Maildir/cur\n" + names + "his.example\n");
+    symlink("/", (names + "root.example").c_str());
+    EXPECT_FALSE(find_places(found, cause));
+    EXPECT_EQ(cause, names + "root.example leads to the root directory");
+    std::filesystem::remove(control + "rcpthosts");
+    write_file(control + "rcpthosts", "");
+}
+
+TEST(apart, tells_the_end)
+{
+    const pid_t group = getpgrp();
+    EXPECT_EQ(run_apart([] { return 0; }), 0);
+    EXPECT_EQ(run_apart([] { return 7; }), 7);
+    EXPECT_EQ(run_apart([] { return raise(SIGKILL); }), 128 + SIGKILL);
+    EXPECT_EQ(run_apart([] { return errno; }), 0);
+    EXPECT_EQ(run_apart([group] { return getpgrp() == getpid() && getpgrp() != group ? 5 : 0; }), 5);
+    EXPECT_EQ(run_apart([] { return static_cast<int>(major(status_of("/proc/self/fd/1/.").st_rdev)); }), 0);
+    EXPECT_EQ(run_apart([] { return real_path("/proc/self/fd/1") == "/dev/null"; }), 1);
+}
+
+TEST(changes, a_file_is_the_one_that_was_looked_at)
+{
+    write_file("/run/file", "text");
+    const struct stat one = status_of("/run/file");
+    EXPECT_TRUE(is_same_file(one, one));
+    int told = 0;
+    const auto differs = [&](auto change_one) {
+        struct stat other = one;
+        change_one(other);
+        told += is_same_file(one, other) ? 0 : 1;
+    };
+    differs([](struct stat &other) { other.st_mode ^= 1; });
+    differs([](struct stat &other) { ++other.st_uid; });
+    differs([](struct stat &other) { ++other.st_gid; });
+    differs([](struct stat &other) { ++other.st_size; });
+    differs([](struct stat &other) { ++other.st_ino; });
+    differs([](struct stat &other) { ++other.st_dev; });
+    differs([](struct stat &other) { ++other.st_mtim.tv_sec; });
+    differs([](struct stat &other) { ++other.st_mtim.tv_nsec; });
+    differs([](struct stat &other) { ++other.st_ctim.tv_sec; });
+    differs([](struct stat &other) { ++other.st_ctim.tv_nsec; });
+    EXPECT_EQ(told, 10);
+
+    change seen{kind::content, "/run/file", 0, 0, one, one};
+    EXPECT_EQ(old_bytes(seen).value_or("none"), "text");
+    seen.before.st_mtim.tv_nsec ^= 1;
+    EXPECT_FALSE(old_bytes(seen));
+    mkfifo("/run/fifo", 0600);
+    for (const char *none : {"/run/fifo", "/run", "/run/none"})
+        EXPECT_FALSE(file_bytes_at(AT_FDCWD, none)) << none;
+    seen = {kind::content, "/run/fifo", 0, 0, status_of("/run/fifo"), one};
+    EXPECT_FALSE(old_bytes(seen));
+    EXPECT_EQ(errno, EINVAL);
+    symlink("/run/file", "/run/link");
+    seen = {kind::content, "/run/link", 0, 0, one, one};
+    EXPECT_FALSE(old_bytes(seen));
+}
+
+TEST(changes, of_a_list_in_bytes_owner_or_mode)
+{
+    const list_state same = {"a", "a", {}, {}};
+    list_state lists[] = {same, same, same, {"a", {}, {}, {}}, {{}, "", {}, {}}};
+    lists[0].status_after.st_gid = 1;
+    lists[1].status_after.st_uid = 1;
+    lists[2].status_after.st_mode = 04000;
+    for (const list_state &list : lists)
+        EXPECT_TRUE(is_list_changed(list));
+    EXPECT_FALSE(is_list_changed(same));
+    EXPECT_FALSE(is_list_changed({}));
+}
+
+TEST(changes, of_a_stage)
+{
+    hand_made run;
+    EXPECT_EQ(run.changed(), "");
+    write_file(run.layer(box + "/.qmail"), "old\n");
+    EXPECT_EQ(run.changed(), "");
+    write_file(run.layer(box + "/.qmail"), "new\n");
+    EXPECT_EQ(run.changed(), "content mailnames/d.example/m/.qmail\n");
+    EXPECT_EQ(new_bytes(run.found, run.found.entries.at(0)).value_or("none"), "new\n");
+    write_file(run.layer(box + "/.qmail"), "old\n", 0640);
+    write_file(run.layer(box + "/@mbox.quota"), "1\n");
+    mkdir((box + "/@attachments").c_str(), 0700);
+    std::filesystem::create_directories(run.layer(box + "/@attachments"));
+    std::filesystem::create_directories(run.layer(box + "/Maildir/new"));
+    EXPECT_EQ(run.changed(), "attributes mailnames/d.example/m/.qmail\n"
+                             "attributes mailnames/d.example/m/@attachments\n"
+                             "file mailnames/d.example/m/@mbox.quota\n"
+                             "directory mailnames/d.example/m/Maildir\n"
+                             "directory mailnames/d.example/m/Maildir/new\n");
+    chmod((run.top + "/u/1").c_str(), 0700);
+    write_file(run.layer(control + "locals"), "x\n");
+    EXPECT_EQ(run.changed().substr(0, 37), "attributes control\nfile control/local");
+    EXPECT_EQ(joined(find_refusals(run.made, run.found)), "");
+}
+
+TEST(changes, that_would_take_away_what_nobody_gives_back)
+{
+    hand_made run;
+    write_file(box + "/@mbox.quota", "1\n");
+    write_file(box + "/.qmail.tmp", "leftover\n");
+    for (const char *mail : {"/Maildir/cur/1", "/Maildir/cur/1.tmp", "/Maildir/new/2", "/@attachments/3"})
+        write_file(box + mail, "mail\n");
+    mkdir((box + "/x.tmp").c_str(), 0700);
+    for (const char *gone : {"/@mbox.quota", "/.qmail.tmp", "/Maildir/cur/1", "/Maildir/cur/1.tmp", "/x.tmp", "/never"})
+        run.whiteout(box + gone);
+    write_file(run.layer(box + "/Maildir/new/2"), "other\n");
+    std::filesystem::create_symlink("/", run.layer(box + "/.qmail"));
+    std::filesystem::create_directories(run.layer(box + "/@attachments"));
+    setxattr(run.layer(box + "/@attachments").c_str(), "trusted.overlay.opaque", "y", 1, 0);
+    const std::string losses[] = {".qmail",        "@attachments", "Maildir/cur/1", "Maildir/cur/1.tmp",
+                                  "Maildir/new/2", "x.tmp"};
+    std::string refused;
+    for (const std::string &loss : losses)
+        refused += box + "/" + loss + " would be taken away, with what is in it\n";
+    EXPECT_NE(run.changed().find("removal mailnames/d.example/m/@mbox.quota\n"), std::string::npos);
+    EXPECT_EQ(run.changed().find(".qmail.tmp"), std::string::npos);
+    EXPECT_EQ(run.changed().find("never"), std::string::npos);
+    EXPECT_EQ(joined(find_refusals(run.made, run.found)), refused);
+    run.made.status = 3;
+    EXPECT_EQ(joined(find_refusals(run.made, run.found)), "the run would end with exit status 3\n" + refused);
+}
+
+TEST(refusals, of_links_that_the_run_comes_by)
+{
+    hand_made run;
+    const std::string names = "/var/qmail/mailnames/";
+    run.changed();
+    run.found.lists[assign].after = "+d.example-:popuser:1:2:" + names + "d.example:-::\n=x:popuser:1:2:" + box +
+                                    ":::\n"
+                                    "+7-:popuser:1:2:" +
+                                    names + "d.example:::\n.\n";
+    const std::string come_by[] = {control + "rcpthosts",
+                                   box,
+                                   box + "/Maildir",
+                                   box + "/Maildir/tmp",
+                                   names + "d.example",
+                                   names + "d.example/.qmail-default",
+                                   names + "d.example/@mbox.quota"};
+    const std::string passed_by[] = {names + "else", names + "else/m", names + "d.example/other",
+                                     names + "else/.qmail-default", names + "else/m/Maildir"};
+    for (const std::string &path : come_by) {
+        run.made.where.strangers = {path};
+        EXPECT_EQ(joined(find_refusals(run.made, run.found)), path + " is a link, but not root's: take it away\n");
+    }
+    for (const std::string &path : passed_by) {
+        run.made.where.strangers = {path};
+        EXPECT_EQ(joined(find_refusals(run.made, run.found)), "") << path;
+    }
+    run.made.status = 1;
+    EXPECT_EQ(find_refusals(run.made, run.found).size(), 2U);
+}
+
+TEST(obstacles, no_byte_and_no_file_too_many)
+{
+    hand_made run;
+    const std::string small = "/var/qmail/mailnames/small.example";
+    mkdir(small.c_str(), 0755);
+    ASSERT_EQ(mount("small", small.c_str(), "tmpfs", 0, "size=64k,nr_inodes=9"), 0);
+    write_file(small + "/m/there", "x");
+    run.changed();
+    struct statvfs room = {};
+    statvfs(small.c_str(), &room);
+    const auto bytes = static_cast<off_t>(room.f_bfree * room.f_frsize);
+    const auto obstacles = [&](kind what, std::vector<off_t> sizes) {
+        run.found.entries.clear();
+        for (const off_t size : sizes) {
+            change entry = {what, small + "/m/" + (what == kind::new_file ? "new" : "there"), 0, 0, {}, {}};
+            entry.after.st_size = size;
+            entry.after.st_mode = S_IFREG;
+            entry.before.st_mode = what == kind::new_file ? 0 : S_IFREG;
+            run.found.entries.push_back(entry);
+        }
+        return joined(find_obstacles(run.found));
+    };
+    // Files that are new stay; of the copies that take a place each goes before the next comes.
+    EXPECT_EQ(obstacles(kind::new_file, {bytes - 8192, 4096, 0}), "");
+    EXPECT_EQ(obstacles(kind::content, {bytes, bytes}), "");
+    const std::string told = "no room at " + small + "/m: " + std::to_string(bytes + 4096) + " bytes to be written, " +
+                             std::to_string(bytes) + " free: make room\n";
+    EXPECT_EQ(obstacles(kind::content, {1, bytes + 1}), told);
+    EXPECT_EQ(obstacles(kind::new_file, {bytes, 1}), told);
+    EXPECT_EQ(obstacles(kind::attributes, {bytes, bytes}), "");
+    EXPECT_EQ(obstacles(kind::new_file, std::vector<off_t>(room.f_ffree, 1)), "");
+    EXPECT_EQ(obstacles(kind::new_file, std::vector<off_t>(room.f_ffree + 1, 1)),
+              "no room at " + small + "/m: " + std::to_string(room.f_ffree + 1) + " files to be made, " +
+                  std::to_string(room.f_ffree) + " free: make room\n");
+    umount(small.c_str());
+}
+
+TEST(put, each_kind_in_its_place)
+{
+    hand_made run;
+    const std::string dir = box + "/dir";
+    const auto put = [](kind what, const std::string &path, mode_t mode, const char *bytes) {
+        struct stat wanted = status_of(box);
+        wanted.st_uid = 7;
+        wanted.st_gid = 8;
+        wanted.st_mode = mode;
+        const bool is_put = put_in_place({what, path, 0, 0, {}, wanted}, bytes);
+        const struct stat now = status_of(path);
+        return is_put && (what == kind::removal ? now.st_mode == 0
+                                                : now.st_mode == mode && now.st_uid == 7 && now.st_gid == 8 &&
+                                                      file_bytes_at(AT_FDCWD, path.c_str()).value_or("") == bytes);
+    };
+    EXPECT_TRUE(put(kind::new_directory, dir, S_IFDIR | 02750, ""));
+    EXPECT_TRUE(put(kind::new_file, dir + "/file", S_IFREG | 0640, "a"));
+    EXPECT_TRUE(put(kind::content, dir + "/file", S_IFREG | 0600, "b"));
+    EXPECT_TRUE(put(kind::attributes, dir + "/file", S_IFREG | 0644, "b"));
+    EXPECT_FALSE(put(kind::loss, dir + "/file", S_IFREG | 0644, "b"));
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_TRUE(put(kind::removal, dir + "/file", S_IFREG, ""));
+    EXPECT_FALSE(put(kind::content, dir, S_IFREG, "over a directory"));
+    EXPECT_FALSE(put(kind::new_file, box + "/none/file", S_IFREG, ""));
+    EXPECT_TRUE(std::filesystem::is_empty(dir) && !std::filesystem::exists(dir + ".tmp"));
+}
+
+TEST(show, in_numbers)
+{
+    hand_made run;
+    run.changed();
+    EXPECT_FALSE(is_anything_shown(run.found));
+    const auto set = [&](int number, const char *before, const char *after) {
+        run.found.lists[number] = {before, after, {}, {}};
+    };
+    set(rcpthosts, "a\nb\n", "b\nc\nd\n");
+    set(virtualdomains, "a\nb\n", "b\na\n");
+    set(assign, "", "+d\n=m\n+e\n");
+    set(poppasswd, "u:one:popuser:x\n", "u:two:popuser:x\n");
+    set(recipients, "", "");
+    run.found.lists[recipients].before.reset();
+    set(rejectnonexist, "r\n", "r\n");
+    run.found.lists[rejectnonexist].status_after.st_mode = 1;
+    for (const kind what : {kind::new_directory, kind::new_file, kind::new_file, kind::content, kind::attributes,
+                            kind::attributes, kind::removal, kind::loss})
+        run.found.entries.push_back({what, "/x", 0, 0, {}, {}});
+    write_file(run.top + "/calls", "virsetup\nspamsetup --mailname a@b\nspamsetup\nqmail\033\n");
+    EXPECT_TRUE(is_anything_shown(run.found));
+    EXPECT_EQ(summary_of(run.made, run.found),
+              "2 domains, 1 mailboxes\n" + list_path(rcpthosts) + ": 2 lines come, 1 go\n" + list_path(virtualdomains) +
+                  ": the order of the lines\n" + list_path(rejectnonexist) + ": owner or mode\n" + list_path(assign) +
+                  ": 3 lines come, 0 go\n" + list_path(recipients) +
+                  ": new, empty\n"
+                  "new directories: 1\nnew files: 2\nrewritten files: 1\n"
+                  "owners and modes: 2\nremoved files: 1\nwould be lost: 1\n"
+                  "would call: qmail?\nwould call: spamsetup (2 times)\n"
+                  "would call: virsetup\n");
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    program_name = "mboxfixctl";
+    load_conf();
+    return RUN_ALL_TESTS();
+}
