@@ -21,6 +21,7 @@
 #include "qmail/quota.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -58,6 +59,12 @@ extern "C" MYSQL *STDCALL mysql_init(MYSQL *db)
 {
     static const auto make = reinterpret_cast<MYSQL *(*)(MYSQL *)>(dlsym(RTLD_NEXT, "mysql_init"));
     return getenv("NO_MEMORY") ? nullptr : make(db);
+}
+
+extern "C" int vasprintf(char **text, const char *format, va_list arguments)
+{
+    static const auto make = reinterpret_cast<decltype(&vasprintf)>(dlsym(RTLD_NEXT, "vasprintf"));
+    return getenv("NO_MEMORY") ? errno = ENOMEM, -1 : make(text, format, arguments);
 }
 
 namespace {
@@ -204,6 +211,7 @@ int main(int, char **argv)
     if (strcmp(argv[1], "conf_get") != 0)
         load_conf();
     word = const_cast<const char **>(argv) + 2;
+    const std::map<int, std::string> former = held();
     lent();
     for (const auto &operation : operations) {
         if (strcmp(operation.name, argv[1]) != 0)
@@ -215,6 +223,9 @@ int main(int, char **argv)
         for (const auto &[fd, place] : held())
             if (before[fd] != place)
                 printf("left: %s\n", place.c_str());
+        for (const auto &[fd, place] : held())
+            if (!former.contains(fd) && fd >= 0 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0)
+                printf("left to children: %s\n", place.c_str());
         return 0;
     }
     return 2;

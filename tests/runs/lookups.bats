@@ -45,7 +45,7 @@ instead() {
   done
   instead 'SET NAMES binary' 'select 1 from nothing'
   sql 'drop table misc'
-  NO_MEMORY=1 operations connect
+  NO_MEMORY=1 operations connect 'set_reject a.test 1'
   operations connect
 }
 
