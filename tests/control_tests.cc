@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -29,7 +30,8 @@
 namespace {
 
 const std::string control = "/var/qmail/control/";
-const std::string box = "/var/qmail/mailnames/d.example/m";
+const std::string names = "/var/qmail/mailnames/";
+const std::string box = names + "d.example/m";
 
 void write_file(const std::string &path, const std::string &text, mode_t mode = 0600)
 {
@@ -45,48 +47,51 @@ struct stat status_of(const std::string &path)
     return status;
 }
 
-// A stage of a mailnames directory and of control/, as a run leaves one, in a directory.
-struct hand_made {
-    std::string top = "/run/stage";
+// A stage of the mailnames directory and of control/, as a run leaves one, in a directory.
+const std::string stage_top = "/run/stage";
+
+std::string in_layer(const std::string &path)
+{
+    return stage_top + "/u/" +
+           (path.starts_with(names) ? "0/" + path.substr(names.size()) : "1/" + path.substr(control.size()));
+}
+
+struct staged_run {
     stage made;
-    changes found{};
-
-    hand_made()
-    {
-        std::filesystem::remove_all(top);
-        std::filesystem::remove_all("/var/qmail/mailnames");
-        write_file(box + "/.qmail", "old\n");
-        for (const char *layer : {"/u/0", "/u/1"})
-            std::filesystem::create_directories(top + layer);
-        made.dir = owned_fd(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        made.where.covered = {{"/var/qmail/mailnames", "/var/qmail/mailnames", true},
-                              {"/var/qmail/control", "/var/qmail/control", true}};
-        made.status = 0;
-        note_lists(found);
-    }
-
-    std::string layer(const std::string &path) const
-    {
-        return top + "/u/" + (path.starts_with(control) ? "1/" + path.substr(control.size()) : "0/" + path.substr(21));
-    }
-
-    void whiteout(const std::string &path) const
-    {
-        std::filesystem::create_directories(dir_of(layer(path)));
-        mknod(layer(path).c_str(), S_IFCHR, makedev(0, 0));
-    }
-
-    std::string changed()
-    {
-        constexpr const char *kinds[] = {"directory", "file", "content", "attributes", "removal", "loss"};
-        if (!find_changes(made, found))
-            return "failed";
-        std::string text;
-        for (const change &entry : found.entries)
-            text += std::string(kinds[static_cast<int>(entry.what)]) + " " + entry.path.substr(11) + "\n";
-        return text;
-    }
+    changes found;
 };
+
+staged_run begin_run()
+{
+    for (const std::string &dir : {stage_top, names})
+        std::filesystem::remove_all(dir);
+    write_file(box + "/.qmail", "old\n");
+    for (const std::string &dir : {names, control})
+        std::filesystem::create_directories(in_layer(dir));
+    const std::string dirs[] = {dir_of(names + "x"), dir_of(control + "x")};
+    staged_run run{};
+    run.made.dir = owned_fd(open(stage_top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    run.made.where.covered = {{dirs[0], dirs[0], true}, {dirs[1], dirs[1], true}};
+    note_lists(run.found);
+    return run;
+}
+
+void whiteout(const std::string &path)
+{
+    std::filesystem::create_directories(dir_of(in_layer(path)));
+    mknod(in_layer(path).c_str(), S_IFCHR, makedev(0, 0));
+}
+
+std::string changed(staged_run &run)
+{
+    constexpr const char *kinds[] = {"directory", "file", "content", "attributes", "removal", "loss"};
+    if (!find_changes(run.made, run.found))
+        return "failed";
+    std::string text;
+    for (const change &entry : run.found.entries)
+        text += std::string(kinds[static_cast<int>(entry.what)]) + " " + entry.path.substr(11) + "\n";
+    return text;
+}
 
 std::string joined(const std::vector<std::string> &lines)
 {
@@ -189,11 +194,7 @@ TEST(say, what_the_log_keeps)
 
 TEST(places, are_named)
 {
-    EXPECT_EQ(dir_of("/a//b"), "/a");
-    EXPECT_EQ(dir_of("/a"), "/");
-    EXPECT_EQ(dir_of("//a"), "/");
-    EXPECT_EQ(dir_of("a"), "/");
-    EXPECT_EQ(dir_of("/a/b/"), "/a/b");
+    EXPECT_EQ(dir_of("/a//b") + dir_of("/a") + dir_of("//a") + dir_of("a") + dir_of("/a/b/"), "/a////a/b");
     EXPECT_EQ(name_of("/a/b"), "b");
     EXPECT_EQ(existing("/run//none/below"), "/run");
     EXPECT_EQ(existing("/etc/passwd"), "/etc");
@@ -207,8 +208,7 @@ TEST(places, are_named)
 
 TEST(places, are_found_by_links_of_root_alone)
 {
-    hand_made run;
-    const std::string names = "/var/qmail/mailnames/";
+    staged_run run = begin_run();
     for (const char *dir : {"/run/lists", "/run/box/Maildir/tmp", "/run/box/else"})
         std::filesystem::create_directories(dir);
     write_file("/run/lists/kept", "");
@@ -252,7 +252,6 @@ TEST(apart, tells_the_end)
     EXPECT_EQ(run_apart([] { return raise(SIGKILL); }), 128 + SIGKILL);
     EXPECT_EQ(run_apart([] { return errno; }), 0);
     EXPECT_EQ(run_apart([group] { return getpgrp() == getpid() && getpgrp() != group ? 5 : 0; }), 5);
-    EXPECT_EQ(run_apart([] { return static_cast<int>(major(status_of("/proc/self/fd/1/.").st_rdev)); }), 0);
     EXPECT_EQ(run_apart([] { return real_path("/proc/self/fd/1") == "/dev/null"; }), 1);
 }
 
@@ -261,23 +260,15 @@ TEST(changes, a_file_is_the_one_that_was_looked_at)
     write_file("/run/file", "text");
     const struct stat one = status_of("/run/file");
     EXPECT_TRUE(is_same_file(one, one));
-    int told = 0;
-    const auto differs = [&](auto change_one) {
+    for (const std::size_t at :
+         {offsetof(struct stat, st_mode), offsetof(struct stat, st_uid), offsetof(struct stat, st_gid),
+          offsetof(struct stat, st_size), offsetof(struct stat, st_ino), offsetof(struct stat, st_dev),
+          offsetof(struct stat, st_mtim.tv_sec), offsetof(struct stat, st_mtim.tv_nsec),
+          offsetof(struct stat, st_ctim.tv_sec), offsetof(struct stat, st_ctim.tv_nsec)}) {
         struct stat other = one;
-        change_one(other);
-        told += is_same_file(one, other) ? 0 : 1;
-    };
-    differs([](struct stat &other) { other.st_mode ^= 1; });
-    differs([](struct stat &other) { ++other.st_uid; });
-    differs([](struct stat &other) { ++other.st_gid; });
-    differs([](struct stat &other) { ++other.st_size; });
-    differs([](struct stat &other) { ++other.st_ino; });
-    differs([](struct stat &other) { ++other.st_dev; });
-    differs([](struct stat &other) { ++other.st_mtim.tv_sec; });
-    differs([](struct stat &other) { ++other.st_mtim.tv_nsec; });
-    differs([](struct stat &other) { ++other.st_ctim.tv_sec; });
-    differs([](struct stat &other) { ++other.st_ctim.tv_nsec; });
-    EXPECT_EQ(told, 10);
+        reinterpret_cast<char *>(&other)[at] ^= 1;
+        EXPECT_FALSE(is_same_file(one, other)) << at;
+    }
 
     change seen{kind::content, "/run/file", 0, 0, one, one};
     EXPECT_EQ(old_bytes(seen).value_or("none"), "text");
@@ -309,51 +300,51 @@ TEST(changes, of_a_list_in_bytes_owner_or_mode)
 
 TEST(changes, of_a_stage)
 {
-    hand_made run;
-    EXPECT_EQ(run.changed(), "");
-    write_file(run.layer(box + "/.qmail"), "old\n");
-    EXPECT_EQ(run.changed(), "");
-    write_file(run.layer(box + "/.qmail"), "new\n");
-    EXPECT_EQ(run.changed(), "content mailnames/d.example/m/.qmail\n");
+    staged_run run = begin_run();
+    EXPECT_EQ(changed(run), "");
+    write_file(in_layer(box + "/.qmail"), "old\n");
+    EXPECT_EQ(changed(run), "");
+    write_file(in_layer(box + "/.qmail"), "new\n");
+    EXPECT_EQ(changed(run), "content mailnames/d.example/m/.qmail\n");
     EXPECT_EQ(new_bytes(run.found, run.found.entries.at(0)).value_or("none"), "new\n");
-    write_file(run.layer(box + "/.qmail"), "old\n", 0640);
-    write_file(run.layer(box + "/@mbox.quota"), "1\n");
+    write_file(in_layer(box + "/.qmail"), "old\n", 0640);
+    write_file(in_layer(box + "/@mbox.quota"), "1\n");
     mkdir((box + "/@attachments").c_str(), 0700);
-    std::filesystem::create_directories(run.layer(box + "/@attachments"));
-    std::filesystem::create_directories(run.layer(box + "/Maildir/new"));
-    EXPECT_EQ(run.changed(), "attributes mailnames/d.example/m/.qmail\n"
-                             "attributes mailnames/d.example/m/@attachments\n"
-                             "file mailnames/d.example/m/@mbox.quota\n"
-                             "directory mailnames/d.example/m/Maildir\n"
-                             "directory mailnames/d.example/m/Maildir/new\n");
-    chmod((run.top + "/u/1").c_str(), 0700);
-    write_file(run.layer(control + "locals"), "x\n");
-    EXPECT_EQ(run.changed().substr(0, 37), "attributes control\nfile control/local");
+    std::filesystem::create_directories(in_layer(box + "/@attachments"));
+    std::filesystem::create_directories(in_layer(box + "/Maildir/new"));
+    EXPECT_EQ(changed(run), "attributes mailnames/d.example/m/.qmail\n"
+                            "attributes mailnames/d.example/m/@attachments\n"
+                            "file mailnames/d.example/m/@mbox.quota\n"
+                            "directory mailnames/d.example/m/Maildir\n"
+                            "directory mailnames/d.example/m/Maildir/new\n");
+    chmod((stage_top + "/u/1").c_str(), 0700);
+    write_file(in_layer(control + "locals"), "x\n");
+    EXPECT_EQ(changed(run).substr(0, 37), "attributes control\nfile control/local");
     EXPECT_EQ(joined(find_refusals(run.made, run.found)), "");
 }
 
 TEST(changes, that_would_take_away_what_nobody_gives_back)
 {
-    hand_made run;
+    staged_run run = begin_run();
     write_file(box + "/@mbox.quota", "1\n");
     write_file(box + "/.qmail.tmp", "leftover\n");
     for (const char *mail : {"/Maildir/cur/1", "/Maildir/cur/1.tmp", "/Maildir/new/2", "/@attachments/3"})
         write_file(box + mail, "mail\n");
     mkdir((box + "/x.tmp").c_str(), 0700);
     for (const char *gone : {"/@mbox.quota", "/.qmail.tmp", "/Maildir/cur/1", "/Maildir/cur/1.tmp", "/x.tmp", "/never"})
-        run.whiteout(box + gone);
-    write_file(run.layer(box + "/Maildir/new/2"), "other\n");
-    std::filesystem::create_symlink("/", run.layer(box + "/.qmail"));
-    std::filesystem::create_directories(run.layer(box + "/@attachments"));
-    setxattr(run.layer(box + "/@attachments").c_str(), "trusted.overlay.opaque", "y", 1, 0);
+        whiteout(box + gone);
+    write_file(in_layer(box + "/Maildir/new/2"), "other\n");
+    std::filesystem::create_symlink("/", in_layer(box + "/.qmail"));
+    std::filesystem::create_directories(in_layer(box + "/@attachments"));
+    setxattr(in_layer(box + "/@attachments").c_str(), "trusted.overlay.opaque", "y", 1, 0);
     const std::string losses[] = {".qmail",        "@attachments", "Maildir/cur/1", "Maildir/cur/1.tmp",
                                   "Maildir/new/2", "x.tmp"};
     std::string refused;
     for (const std::string &loss : losses)
         refused += box + "/" + loss + " would be taken away, with what is in it\n";
-    EXPECT_NE(run.changed().find("removal mailnames/d.example/m/@mbox.quota\n"), std::string::npos);
-    EXPECT_EQ(run.changed().find(".qmail.tmp"), std::string::npos);
-    EXPECT_EQ(run.changed().find("never"), std::string::npos);
+    EXPECT_NE(changed(run).find("removal mailnames/d.example/m/@mbox.quota\n"), std::string::npos);
+    EXPECT_EQ(changed(run).find(".qmail.tmp"), std::string::npos);
+    EXPECT_EQ(changed(run).find("never"), std::string::npos);
     EXPECT_EQ(joined(find_refusals(run.made, run.found)), refused);
     run.made.status = 3;
     EXPECT_EQ(joined(find_refusals(run.made, run.found)), "the run would end with exit status 3\n" + refused);
@@ -361,9 +352,8 @@ TEST(changes, that_would_take_away_what_nobody_gives_back)
 
 TEST(refusals, of_links_that_the_run_comes_by)
 {
-    hand_made run;
-    const std::string names = "/var/qmail/mailnames/";
-    run.changed();
+    staged_run run = begin_run();
+    changed(run);
     run.found.lists[assign].after = "+d.example-:popuser:1:2:" + names + "d.example:-::\n=x:popuser:1:2:" + box +
                                     ":::\n"
                                     "+7-:popuser:1:2:" +
@@ -391,12 +381,12 @@ TEST(refusals, of_links_that_the_run_comes_by)
 
 TEST(obstacles, no_byte_and_no_file_too_many)
 {
-    hand_made run;
+    staged_run run = begin_run();
     const std::string small = "/var/qmail/mailnames/small.example";
     mkdir(small.c_str(), 0755);
     ASSERT_EQ(mount("small", small.c_str(), "tmpfs", 0, "size=64k,nr_inodes=9"), 0);
     write_file(small + "/m/there", "x");
-    run.changed();
+    changed(run);
     struct statvfs room = {};
     statvfs(small.c_str(), &room);
     const auto bytes = static_cast<off_t>(room.f_bfree * room.f_frsize);
@@ -428,7 +418,7 @@ TEST(obstacles, no_byte_and_no_file_too_many)
 
 TEST(put, each_kind_in_its_place)
 {
-    hand_made run;
+    staged_run run = begin_run();
     const std::string dir = box + "/dir";
     const auto put = [](kind what, const std::string &path, mode_t mode, const char *bytes) {
         struct stat wanted = status_of(box);
@@ -455,8 +445,8 @@ TEST(put, each_kind_in_its_place)
 
 TEST(show, in_numbers)
 {
-    hand_made run;
-    run.changed();
+    staged_run run = begin_run();
+    changed(run);
     EXPECT_FALSE(is_anything_shown(run.found));
     const auto set = [&](int number, const char *before, const char *after) {
         run.found.lists[number] = {before, after, {}, {}};
@@ -472,7 +462,7 @@ TEST(show, in_numbers)
     for (const kind what : {kind::new_directory, kind::new_file, kind::new_file, kind::content, kind::attributes,
                             kind::attributes, kind::removal, kind::loss})
         run.found.entries.push_back({what, "/x", 0, 0, {}, {}});
-    write_file(run.top + "/calls", "virsetup\nspamsetup --mailname a@b\nspamsetup\nqmail\033\n");
+    write_file(stage_top + "/calls", "virsetup\nspamsetup --mailname a@b\nspamsetup\nqmail\033\n");
     EXPECT_TRUE(is_anything_shown(run.found));
     EXPECT_EQ(summary_of(run.made, run.found),
               "2 domains, 1 mailboxes\n" + list_path(rcpthosts) + ": 2 lines come, 1 go\n" + list_path(virtualdomains) +
