@@ -57,7 +57,9 @@ after() {
     session strace -qq -o /dev/null -e trace=$calls -e inject=$calls:error=EAGAIN \
       operate service_control httpd stop
   done
-  session strace -f -qq -o /dev/null -e trace=setsid -e inject=setsid:error=EPERM operate service_control qmail restart
+  for call in setsid chdir; do
+    session strace -f -qq -o /dev/null -e trace=$call -e inject=$call:error=EPERM operate service_control qmail restart
+  done
   # Debian 13's system() says that no child could be made, Debian 12's that the shell ended with 127.
   sed -i '/trying to clean Apache IPC objects: Resource/d' $shown
   control 'conf HTTPD_SERVICE apachectl2; cp /etc/init.d/httpd /etc/init.d/apachectl2' apachectl2 stop
