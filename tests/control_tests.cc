@@ -288,10 +288,12 @@ TEST(changes, a_file_is_the_one_that_was_looked_at)
 TEST(changes, of_a_list_in_bytes_owner_or_mode)
 {
     const list_state same = {"a", "a", {}, {}};
-    list_state lists[] = {same, same, same, {"a", {}, {}, {}}, {{}, "", {}, {}}};
-    lists[0].status_after.st_gid = 1;
-    lists[1].status_after.st_uid = 1;
-    lists[2].status_after.st_mode = 04000;
+    std::vector<list_state> lists(14, same);
+    lists[12].status_after.st_gid = 1;
+    lists[13].status_after.st_uid = 1;
+    for (std::size_t bit = 0; bit < 12; ++bit)
+        lists[bit].status_after.st_mode = 1U << bit;
+    lists.insert(lists.end(), {{"a", {}, {}, {}}, {{}, "", {}, {}}});
     for (const list_state &list : lists)
         EXPECT_TRUE(is_list_changed(list));
     EXPECT_FALSE(is_list_changed(same));

@@ -37,7 +37,7 @@ bool is_on_the_way(const std::string &path, const std::set<std::string_view> &ho
     const std::string dir = dir_of(path);
     const std::string name = name_of(path);
     const bool is_domain_file = dir_of(dir) + "/" == top && (name == ".qmail-default" || name == "@mbox.quota");
-    const bool is_deeper = dir_of(dir) + "/" != top && dir + "/" != top;
+    const bool is_deeper = dir_of(dir) + "/" != top;
     if (is_domain_file)
         return homes.contains(dir);
     return is_deeper && (homes.contains(dir) || homes.contains(dir_of(dir)));

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -60,7 +59,7 @@ std::string lock_holder(int fd)
     const owned_dir processes(fstat(fd, &wanted) == 0 ? opendir("/proc") : nullptr);
     while (const struct dirent *entry = processes ? readdir(processes.get()) : nullptr) {
         const std::string process = std::string("/proc/") + entry->d_name;
-        if (atoi(entry->d_name) > 0 && atoi(entry->d_name) != getpid() && holds_lock(process, wanted))
+        if (holds_lock(process, wanted))
             return std::string("process ") + entry->d_name + " (" + command_of(process) + ")";
     }
     return "a process that is not seen from here";

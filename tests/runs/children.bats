@@ -12,6 +12,8 @@ load ../helper
     rm -f /run/daemon
   done
   operations 'util_execv tool a' 'util_execv no/tool a' 'util_exec ../bin/tool' 'util_exec none'
+  script $bin/tool 'sleep 0.3; echo late; exit 3' # and as if nothing had come for long
+  session strace -qq -o /dev/null -e trace=?poll,ppoll -e inject=?poll,ppoll:retval=0:when=1 operate util_exec tool
 }
 
 @test "a quiet program says nothing" {
