@@ -251,7 +251,6 @@ pager::pager(const std::string &command)
     int ends[2];
     if (!isatty(STDOUT_FILENO) || command.empty() || pipe(ends) != 0)
         return;
-    fflush(stdout);
     child = fork();
     if (child == 0) {
         forget_signals();
