@@ -19,7 +19,9 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -416,6 +418,32 @@ TEST(obstacles, no_byte_and_no_file_too_many)
               "no room at " + small + "/m: " + std::to_string(room.f_ffree + 1) + " files to be made, " +
                   std::to_string(room.f_ffree) + " free: make room\n");
     umount(small.c_str());
+}
+
+// As chattr +i and -i do; not every file system has it.
+bool set_immutable(const std::string &path, bool is_immutable)
+{
+    const owned_fd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    int flags = is_immutable ? FS_IMMUTABLE_FL : 0;
+    return ioctl(file.get(), FS_IOC_SETFLAGS, &flags) == 0;
+}
+
+TEST(obstacles, what_must_not_be_changed)
+{
+    staged_run run = begin_run();
+    if (!set_immutable(box + "/.qmail", true))
+        GTEST_SKIP() << "no such attribute here";
+    symlink(".qmail", (box + "/@mbox.quota").c_str());
+    for (const char *name : {"/.qmail", "/@mbox.quota"})
+        write_file(in_layer(box + name), "new\n");
+    changed(run);
+    const std::string advice = "it must not be changed: take the attribute off with chattr -i or -a";
+    EXPECT_EQ(joined(find_obstacles(run.found)), box + "/.qmail: " + advice + "\n");
+    EXPECT_EQ(obstacle_at(box + "/.qmail", false), advice);
+    set_immutable(box + "/.qmail", false);
+    set_immutable(box, true);
+    EXPECT_EQ(joined(find_obstacles(run.found)), box + ": " + advice + "\n");
+    set_immutable(box, false);
 }
 
 TEST(put, each_kind_in_its_place)
