@@ -324,10 +324,10 @@ finds() {
   mv /usr/local/sbin/mboxfix /usr/local/sbin/rebuild
   printf '#!/bin/sh\n[ ! -e /run/at ] || { echo >/run/at; read -r _ </run/go; }; exec rebuild "$@"\n' >/usr/local/sbin/mboxfix
   chmod 755 /usr/local/sbin/mboxfix
-  for signal in TERM HUP; do
+  for way in "kill -TERM" "kill -HUP" "pkill -KILL -P"; do
     begin env --default-signal=INT,HUP mboxfixctl apply --yes --quiet --without-spam
     wait_until 'read -r _ </run/at'
-    kill -$signal $begun
+    $way $begun
     ended
   done
   changes

@@ -1,9 +1,9 @@
 load ../helper
 
 # Each call by which a command changes something below some paths fails, one after the other, by what it names; but not
-# the close of a directory.
+# the close of a directory or of a lock's file.
 # Shown: what was told, and how the host then differs from what the command makes of it when nothing fails.
-readonly changing=openat,write,ftruncate,mkdirat,renameat,unlinkat,fchown,fchmod,fchownat,fchmodat,chown,chmod,flock,close,chdir,fchdir,copy_file_range,rmdir
+readonly changing=openat,write,ftruncate,mkdirat,renameat,unlinkat,fchown,fchmod,fchownat,fchmodat,chown,chmod,flock,close,chdir,fchdir,copy_file_range,rmdir,rename
 failures() {
   local call place
   anew
@@ -11,7 +11,8 @@ failures() {
   remember /var/qmail /etc/drweb
   perl -ne '($c, $d, $n) = /^(\w+)\((?:[^<"]*<([^>]*)>)?[^"]*(?:"([^"]*)")?/ or next;
     $place = "$d/" =~ m,^/(run|$), && $n =~ m,^/, ? $n : $d;
-    print "$c ", $n && $c ne "write" ? $n : $d, "\n" if $place =~ m,^($ENV{within}), && !($c eq "close" && -d $d) && !$seen{"$c $n $d"}++' /run/clean >/run/points
+    next if $place !~ m,^($ENV{within}), || $c eq "close" && (-d $d || $place =~ m,^$ENV{locks},);
+    print "$c ", $n && $c ne "write" ? $n : $d, "\n" if !$seen{"$c $n $d"}++' /run/clean >/run/points
   echo "# $*" >>$shown
   while read -r call place; do
     anew
@@ -21,7 +22,7 @@ failures() {
     changes /var/qmail /etc/drweb
   done </run/points
 }
-export within="/var/qmail|/etc/drweb|$locks"
+export within="/var/qmail|/etc/drweb|$locks" locks
 
 anew() {
   rm -rf /var/qmail /etc/drweb $locks/*
@@ -39,7 +40,7 @@ make() {
 @test "of an operation on a domain" {
   make
   failures operate add_mail_domain d.example 0
-  failures operate add_domain_alias e.example d.example
+  failures operate add_domain_alias d.example e.example
   failures operate set_reject e.example 0
   failures operate set_reject d.example 1
   failures operate add_bounce d.example '| false'
