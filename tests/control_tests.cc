@@ -218,7 +218,7 @@ TEST(places, are_found_by_links_of_root_alone)
     symlink("/run/lists/kept", (control + "rcpthosts").c_str());
     symlink("/run/box", (names + "d.example/link").c_str());
     const std::string his[] = {names + "d.example/his", "/run/box/Maildir/tmp/cur", "/run/box/Maildir/cur",
-                               "/run/box/else/his", names + "his.example"};
+                               "/run/box/Maildir/else", "/run/box/else/his",        names + "his.example"};
     for (const std::string &link : his) {
         symlink("/run/lists", link.c_str());
         lchown(link.c_str(), 1, 1);

@@ -173,7 +173,7 @@ finds() {
   sql 'drop database vlq; create database vlq character set utf8mb4; use vlq; source demo/schema.sql;
     insert Components (name, version) values ("drweb", "1"), ("vlq-spamassassin", "1"); source tests/runs/odd.sql;'
   ctl check
-  finds "sql 'insert domains (id, name, cl_id) values (90, \"\", 1), (91, \"quo\\\"te.test\", 1), (92, repeat(\"x\", 64), 1); update mail set mail_name = \"!\" where id = 11;
+  finds "sql 'insert domains (id, name, cl_id) values (90, \"\", 1), (91, \"quo\\\"te.test\", 1), (92, repeat(\"x\", 64), 1); update mail set mail_name = \"!\", redirect = \"true\", redir_addr = \"nobody\" where id = 11;
     update mail set redir_addr = \"nobody\" where id = 1; update mail_aliases set alias = \"!\" where alias = \"ok\";
     insert DomainServices (dom_id, type) values (90, \"mail\"), (91, \"mail\"), (92, \"mail\")'"
   sort -o $shown $shown

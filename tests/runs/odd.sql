@@ -2,7 +2,7 @@
 insert misc values ('admin_email', 'a@b.test\nc@d.test'), ('allow_short_pop3_names', null);
 insert Components (name, version) values ('drweb-qmail', '1');
 update Components set version = '1';
-insert clients (id, login, email) values (1, 'a', null), (2, 'b', 'b@c.test\r');
+insert clients (id, login, email) values (1, 'a', null), (2, 'b', 'b@c.test\r'), (3, 'c', 'owner@c.test');
 insert Limits values (1, 'mbox_quota', ' 2147483648000'), (2, 'mbox_quota', '-9223372036854775808'), (3, 'mbox_quota', '9x');
 insert Parameters values (1, 'nonexist_mail', 'catch'), (1, 'catch_addr', 'c@d.test\n|x'), (2, 'nonexist_mail', 'reject'),
   (3, 'nonexist_mail', 'rejected'), (4, 'nonexist_mail', 'bounce'), (4, 'bounce_mess', '\na\n\nb`c`\n'),
@@ -13,10 +13,10 @@ insert domains (id, name, cl_id, status, limits_id) values
   (10, 'bücher.test', 2, 0, 2), (11, 'xn--bcher-kva.test', 1, 0, 3), (12, 'XN--Bcher-Kva.test', 1, 0, 3),
   (13, 'reject.test', 1, 4294967296, 2), (14, 'rejected.test', 1, 0, 3), (15, 'bounce.test', 1, 18446744073709551615, null),
   (16, 'ü.test', 1, 0, null), (17, 'web.test', 1, 0, null), (18, 'B.TEST', 1, 0, null), (19, 'quo＇te.test', 1, 0, null),
-  (20, 'nbsp.test ', 1, 0, null), (21, 'wide.test　', 1, 0, null), (22, '․dot.test', 1, 0, null);
+  (20, 'nbsp.test ', 1, 0, null), (21, 'wide.test　', 1, 0, null), (22, '․dot.test', 1, 0, null), (23, 'owner.test', 3, 0, null);
 insert DomainServices (dom_id, type, status, parameters_id)
   select id, if(name = 'web.test', 'web', 'mail'), null, null from domains;
-update DomainServices set parameters_id = 1 where dom_id in (1, 10);
+update DomainServices set parameters_id = 1 where dom_id in (1, 10, 23);
 update DomainServices set parameters_id = 2 where dom_id = 13;
 update DomainServices set parameters_id = 3, status = 256 where dom_id = 14;
 update DomainServices set parameters_id = 4 where dom_id = 15;
