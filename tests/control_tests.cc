@@ -130,6 +130,7 @@ TEST(lines, are_masked_but_for_what_a_reader_may_know)
 {
     EXPECT_EQ(masked("u:$1$a$b:popuser:x\n"), "u:(hash):popuser:x\n");
     EXPECT_EQ(masked("u:!pa:ss:popuser:x"), "u:!(hash):popuser:x\n");
+    EXPECT_EQ(masked("u:a:popusers:popuser:x"), "u:(hash):popuser:x\n");
     EXPECT_EQ(masked("u:hash\nno colon\nu::9:x\n"), "u:(hash)\nno colon\nu:(hash):9:x\n");
 }
 

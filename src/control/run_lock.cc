@@ -79,10 +79,9 @@ std::unique_ptr<file_lock> wait_for_lock(const std::string &path)
     auto lock = lock_file_open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, LOCK_EX | LOCK_NB, 1);
     if (!lock || lock->fd != 0)
         return lock;
-    struct sigaction former = {};
     struct sigaction waking = {};
     waking.sa_handler = [](int) {}; // without SA_RESTART: each second the wait is begun anew
-    sigaction(SIGALRM, &waking, &former);
+    sigaction(SIGALRM, &waking, nullptr);
     constexpr itimerval each_second = {{1, 0}, {1, 0}};
     setitimer(ITIMER_REAL, &each_second, nullptr);
     lock = lock_file_exclusive(path.c_str(), 1);
@@ -95,7 +94,6 @@ std::unique_ptr<file_lock> wait_for_lock(const std::string &path)
     const int cause = errno;
     constexpr itimerval never{};
     setitimer(ITIMER_REAL, &never, nullptr);
-    sigaction(SIGALRM, &former, nullptr);
     errno = cause;
     return lock;
 }

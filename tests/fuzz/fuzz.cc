@@ -39,7 +39,7 @@ void arg_vector_keeps(const std::string &input)
             marks.resize(taken.size() + 1);
             arg_cut(args, marks.back());
         } else {
-            const std::string text((first - 1U) * second / 2, static_cast<char>('a' + at % 26));
+            const std::string text(first % 8 == 0 ? first * second / 2 : second % 9, static_cast<char>('a' + at % 26));
             const std::size_t left = sizeof args.texts - args.end.bytes;
             const bool fits = !text.empty() && taken.size() < 99 && text.size() < left;
             must(arg_append(args, text.c_str()) == fits);

@@ -285,6 +285,9 @@ finds() {
   kill $!
   wait $! || true
   cat /var/qmail/control/rcpthosts >>$shown
+  echo gone.example >>/var/qmail/control/rcpthosts
+  begin strace -qq -o /dev/null -e trace=flock -e inject=flock:error=EIO:when=2 mboxfixctl apply --yes --quiet --without-spam
+  ended
   hold $locks/"$(printf /var/qmail/users/poppasswd | md5sum | cut -c-32)"
   begin mboxfixctl restore
   wait_until 'grep -q waiting /run/out'
@@ -390,12 +393,12 @@ typed() {
 @test "a program fails" {
   setup_panel
   timeout 60 perl -MSocket -e 'socket S, AF_UNIX, SOCK_DGRAM, 0; bind S, sockaddr_un("/dev/log");
-    recv(S, $_, 999, 0), print s/^(<\d+>).*\]:/$1/r, "\n" for 1 .. 5' >/run/syslog 3>&- &
+    recv(S, $_, 999, 0), print s/^(<\d+>).*\]:/$1/r, "\n" for 1 .. 6' >/run/syslog 3>&- &
   wait_until '[ -S /dev/log ]'
-  for program in qmail-newu qmail virsetup spamsetup; do
-    echo 3 >/run/host/exit/$program
+  for programs in qmail-newu qmail virsetup spamsetup 'virsetup qmail'; do
+    for program in $programs; do echo 3 >/run/host/exit/$program; done
     ctl apply --yes --quiet
-    rm /run/host/exit/$program
+    rm /run/host/exit/*
     cat /var/qmail/control/rcpthosts >>$shown
   done
   ctl preview --quiet --spam-only
