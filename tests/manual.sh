@@ -3,7 +3,7 @@
 #
 #   manual.sh PROGRAM
 set -euo pipefail
-cd "$(dirname "$0")/.."
+CDPATH='' cd "$(dirname "$0")/.."
 readonly program=$1 page=doc/mboxfix.8
 status=0
 
