@@ -511,6 +511,7 @@ TEST(show, in_numbers)
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);
+    umask(022);
     program_name = "mboxfixctl";
     load_conf();
     return RUN_ALL_TESTS();

@@ -2,7 +2,7 @@
 # Fails when a unit includes what does not stand below it, or a folder what it must not know, and when the contributors'
 # page shows another list than this one.
 set -euo pipefail
-cd "$(dirname "$0")/.."
+CDPATH='' cd "$(dirname "$0")/.."
 
 # From the top down; a line is a floor, and its rooms do not know each other.
 readonly floors='driver/main control/main

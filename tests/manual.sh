@@ -3,7 +3,7 @@
 #
 #   manual.sh PROGRAM
 set -euo pipefail
-cd "$(dirname "$0")/.."
+CDPATH='' cd "$(dirname "$0")/.."
 readonly program=$1 page=doc/mboxfix.8
 status=0
 
@@ -19,7 +19,8 @@ long_options() {
 
 for file in "$page" doc/mboxfixctl.8; do
   # A page that is not installed yet can't be found by the other one.
-  ! mandoc -T lint "$file" | grep -v 'referenced manual not found' >&2 || fail "mandoc warns of $file"
+  warnings=$(mandoc -T lint "$file" | grep -v 'referenced manual not found') || true
+  [[ -z $warnings ]] || fail "mandoc warns of $file: $warnings"
   warnings=$(LC_ALL=C.UTF-8 MANROFFSEQ='' man --warnings -E UTF-8 -l -Tutf8 "$file" 2>&1 >/dev/null)
   [[ -z $warnings ]] || fail "man warns of $file: $warnings"
 done
