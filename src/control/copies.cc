@@ -164,10 +164,12 @@ bool keep_copy(const changes &found, owned_fd &tree, std::string &name, std::str
     const std::string made = copy_path(new_name());
     if (!run_tar(-1, archive.get(), "--create", tree.get()) || fsync(archive.get()) != 0 ||
         rename(unfinished, made.c_str()) != 0) {
-        const int error = errno;
+        if (errno == 0)
+            cause = "tar could not make " + made;
+        else
+            fail(cause, made);
         unlink(unfinished);
-        errno = error;
-        return error != 0 ? fail(cause, made) : (cause = "tar could not make " + made, false);
+        return false;
     }
     if (!name.empty() && name != made)
         unlink(name.c_str());

@@ -133,7 +133,10 @@ wait_until() {
     sed -i '/^  /d' $shown
   done
   ctl --version
-  mboxfixctl --version >/dev/full 2>>$shown || echo "[$?]" >>$shown
+  for words in --version check 'apply --yes --quiet'; do
+    # shellcheck disable=SC2086
+    mboxfixctl $words >/dev/full 2>>$shown || echo "[$?]" >>$shown
+  done
   session setpriv --reuid=1 --regid=1 --clear-groups mboxfixctl check
 }
 
@@ -151,7 +154,9 @@ finds() {
 @test "a check tells what is wrong" {
   setup_panel
   ctl check
-  finds "sql 'update Components set version = 1; alter table mail_redir rename column address to gone'" \
+  finds "sql 'alter table mail rename column redir_addr to gone'" \
+    "sql 'alter table mail rename column gone to redir_addr; update Components set version = 1;
+      alter table mail_redir rename column address to gone'" \
     "sql 'alter table mail_redir rename column gone to address; alter table mail rename column virusfilter to gone'" \
     "sql 'alter table mail rename column gone to virusfilter; rename table spamfilter to gone'" \
     "sql 'rename table gone to spamfilter; insert Components (name, version) values (\"drweb\", 1)'" \
@@ -281,6 +286,7 @@ finds() {
   release
   ended
   bash -c 'while :; do echo x >>/var/qmail/users/poppasswd; done' 3>&- &
+  wait_until 'grep -qx x /var/qmail/users/poppasswd'
   ctl apply --yes --quiet --without-spam
   kill $!
   wait $! || true
@@ -311,12 +317,16 @@ finds() {
   rm /run/at /run/go /run/late
   cat $box/.qmail >>$shown
   cp /bin/tar /run/tar
-  printf '#!/bin/sh\n[ -e /run/late ] || rm -r %s; touch /run/late; exec /run/tar "$@"\n' $box >/run/removing
-  chmod 755 /run/removing
-  mount --bind /run/removing /bin/tar
-  rm -r $box/Maildir
-  ctl apply --yes --quiet --without-spam
-  umount /bin/tar
+  for deed in "rm -r $box" "echo late >>$box/.qmail"; do
+    printf '#!/bin/sh\n[ -e /run/late ] || %s; touch /run/late; exec /run/tar "$@"\n' "$deed" >/run/disturbing
+    chmod 755 /run/disturbing
+    mount --bind /run/disturbing /bin/tar
+    rm -rf $box/Maildir /run/late
+    echo early >>$box/.qmail
+    ctl apply --yes --quiet --without-spam
+    umount /bin/tar
+  done
+  tar -xOf "/var/backups/mboxfix/$(mboxfixctl restore --list | head -n 1)" ".$box/.qmail" >>$shown
   list $box >>$shown
 }
 
