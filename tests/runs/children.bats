@@ -3,7 +3,7 @@ load ../helper
 @test "a program's end and all that it wrote are told" {
   flood="yes x | tr -d '\\n' | head -c 300000"
   for lines in 'echo a; echo b >&2' 'exit 3' 'echo told; echo why >&2; exec >&- 2>&-; exit 4' "$flood >&2; exit 5" \
-    "$flood | tee /dev/stderr; exit 5" 'kill -9 $$' 'echo $# $0 $1 ${99} ${100-} >>/run/host/calls; exit 7' \
+    "$flood | tee /dev/stderr; exit 5" 'kill -9 $$' 'exec >&- 2>&-; kill -STOP $$' 'echo $# $0 $1 ${99} ${100-} >>/run/host/calls; exit 7' \
     'ls /proc/self/fd >>/run/host/calls; cat; head -c 4095 /dev/zero | tr "\0" y; exit 8' 'sleep 60 & echo $! >/run/daemon; exit 6' \
     'sleep 60 & echo $! >/run/daemon; echo told; exit 0'; do
     script $bin/tool "$lines"

@@ -60,7 +60,7 @@ make() {
 
 @test "of what goes and what the filters read" {
   make
-  mkdir -p /run/made/var/qmail/{mailnames/__deletedAbCd01,users/gone/dir}
+  mkdir -p /run/made/var/qmail/{mailnames/__deleted000000,users/gone/dir}
   touch /run/made/var/qmail/users/gone/{file,dir/file}
   failures operate remove_tree /var/qmail/users/gone 1
   failures operate purge_deferred_dirs

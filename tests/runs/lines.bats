@@ -33,6 +33,9 @@ edit() {
   edit 'echo copy >f.tmp' "$remove 0"
   edit 'mkfifo f.tmp' "$add 0"
   edit 'ln -s f f.tmp' "$matching 0"
+  # The line stands across the end of a block that is searched at once.
+  edit 'perl -e "print +(q(z) x 3000 . qq(\n)) x 21, q(y) x 2512, qq(\na\nend\n)" >f' "$remove 0"
+  edit 'chown 7 .; mkdir d; mv f d; cd d' "$add 1"
 }
 
 @test "a failed step leaves the former lines and nothing else" {

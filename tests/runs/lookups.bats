@@ -83,7 +83,7 @@ instead() {
   ln -s d/e link
   umask 077
   operations make_dir\ {/run/dirs/new,/run/dirs/old,none/d,/proc/sys,/proc/1/task} \
-    set_owner_mode\ {link,none,/proc/sys,/proc/1/task,d2} 'rename_dir '{'from d/moved','none d','d d/new','d old'} \
+    set_owner_mode\ {link,none,/proc/sys,/proc/1/task,d2} 'rename_dir '{'from d/moved','none d','d d/new','d old'} 'copy_file_locked /dev/null copy' \
     'is_inside_dir '{'d/to/../to ./d/','d d','d2 d','d /','link d','d/e link','d/none d','d/e none'} random_salt\ {1,2}
   tree /run/dirs
 }

@@ -13,7 +13,8 @@ insert domains (id, name, cl_id, status, limits_id) values
   (10, 'bücher.test', 2, 0, 2), (11, 'xn--bcher-kva.test', 1, 0, 3), (12, 'XN--Bcher-Kva.test', 1, 0, 3),
   (13, 'reject.test', 1, 4294967296, 2), (14, 'rejected.test', 1, 0, 3), (15, 'bounce.test', 1, 18446744073709551615, null),
   (16, 'ü.test', 1, 0, null), (17, 'web.test', 1, 0, null), (18, 'B.TEST', 1, 0, null), (19, 'quo＇te.test', 1, 0, null),
-  (20, 'nbsp.test ', 1, 0, null), (21, 'wide.test　', 1, 0, null), (22, '․dot.test', 1, 0, null), (23, 'owner.test', 3, 0, null);
+  (20, 'nbsp.test ', 1, 0, null), (21, 'wide.test　', 1, 0, null), (22, '․dot.test', 1, 0, null),
+  (23, 'owner.test', 3, 0, null), (24, 'quo＂te.test', 1, 0, null), (25, 'back＼slash.test', 1, 0, null);
 insert DomainServices (dom_id, type, status, parameters_id)
   select id, if(name = 'web.test', 'web', 'mail'), null, null from domains;
 update DomainServices set parameters_id = 1 where dom_id in (1, 10, 23);

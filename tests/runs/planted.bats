@@ -75,6 +75,9 @@ make_healthy() {
   mount -o remount,bind,ro /var/disk/ro
   plant popuser 'ln -s /var/disk/ro @' "${places[@]}"
   umount /var/disk/ro
+  mount -t tmpfs -o nr_inodes=1,uid=popuser full /var/disk/ro
+  plant popuser 'ln -s /var/disk/ro @' "${places[@]}"
+  umount /var/disk/ro
 }
 
 @test "a file that somebody else holds, or puts back as often as it is taken away" {
@@ -90,6 +93,14 @@ make_healthy() {
       sh -c "rm $box/.qmail; mkfifo $box/.qmail; exec operate $operation m d.example"
     tree $box
   done
+  # Whenever qmail-send is looked for, another directory takes the domain's place.
+  setup_victims
+  script /run/ps "cd $boxes && cp -a d.example d && rm -r d.example && mv d d.example"
+  mount --bind /run/ps /usr/bin/ps
+  remember
+  session mboxfix --without-spam
+  changes
+  umount /usr/bin/ps
 }
 
 @test "an antivirus directory, and lock files, of somebody else's" {
@@ -103,6 +114,8 @@ make_healthy() {
   plant root 'truncate -s 1073741825 @' /etc/drweb/users.conf.in
   plant root 'chgrp staff /var/qmail/users; chmod 2775 /var/qmail/users; echo his >@; chown 7:8 @; chmod 666 @' \
     /var/qmail/users/poppasswd
+  plant root 'chown 7:8 /var/qmail/control; echo roots >@; chgrp 8 @; chmod 7765 @' /var/qmail/control/rcpthosts
+  plant root 'chown 7:8 /var/qmail/control; echo roots >@; chgrp 9 @; chmod 7765 @' /var/qmail/control/rcpthosts
   lock=$locks/$(printf %s /var/qmail/control/rcpthosts | md5sum | cut -c-32)
   chown 7:8 $locks
   for what in "ln -s $victims/file @" 'mkfifo @' 'echo kept >@; chown 9:9 @' ':'; do
@@ -113,10 +126,15 @@ make_healthy() {
 
 @test "links of root's go on leading where they lead" {
   make_healthy
+  chain='for n in {1..40}; do ln -s $((n - 1)) /var/disk/$n; done; mv /var/qmail/control/rcpthosts /var/disk/0; ln -s /var/disk'
   for way in "mv $box /var/disk/m; ln -s /var/disk/m $box; rm /var/disk/m/.qmail" "mv $boxes /var/disk/all; ln -s /var/disk/all $boxes" \
     "mv $boxes/d.example /var/disk/d; ln -s /var/disk/d $boxes/d.example; rm -r /var/disk/d/m" \
     "rm -r $box; mkdir /var/disk/m; ln -s /var/disk/m $box" "rm -r $box; mkdir /var/disk/m; chown popuser /var/disk/m; ln -s /var/disk/m $box" \
     "ln -s /var/disk/list /etc/drweb/users.conf.in; echo other >/var/disk/list" "ln -s a $boxes/d.example/b; mv $box $boxes/d.example/a; ln -s b $box" \
+    "mv $boxes/d.example /var/disk/d; ln -s /var/disk/d $boxes/d.example; chown -h popuser $boxes/d.example" \
+    "mv /var/qmail/control /var/disk; ln -s /var/disk/control /var/qmail; chown -h 7 /var/qmail/control" \
+    "ln -sf $victims/file /var/qmail/control/rcpthosts; chown -h 7 /var/qmail/control/rcpthosts" "$chain/"{39,40}" /var/qmail/control/rcpthosts" \
+    "chmod 1777 /var/disk; mkdir /var/disk/s; echo other >/var/disk/s/list; chown 7 /var/disk/s/list; ln -s /var/disk/s/list /etc/drweb/users.conf.in" \
     "mv $locks /var/disk; ln -s /var/disk/files $locks" "mv /var/disk/files $locks.real; ln -sfn $locks.real $locks; chmod 1777 ${locks%/*}"; do
     [[ $way == *files* ]] || rm -rf /var/disk
     mkdir -p /var/disk

@@ -67,6 +67,10 @@ sample_calls() {
   rm -r /var/qmail
   session mboxfix --spam-only
   sample_calls
+  for value in "enabled', 'false'" "enabled', 'true'), ('spamfilter_max_children', 'x'" "max_children', '0'), ('spamfilter_use_mailuser_prefs', 'true'"; do
+    sql "delete from misc; insert misc values ('spamfilter_$value)"
+    session operate spam_apply_settings '*@*'
+  done
 }
 
 @test "the panel that no panel should be" {

@@ -64,6 +64,8 @@ after() {
   sed -i '/trying to clean Apache IPC objects: Resource/d' $shown
   control 'conf HTTPD_SERVICE apachectl2; cp /etc/init.d/httpd /etc/init.d/apachectl2' apachectl2 stop
   control : httpd stop
+  # A name that begins as another service's does, in other letters.
+  control 'conf HTTPD_SERVICE Postgresqx; cp /etc/init.d/httpd /etc/init.d/Postgresqx' postgresql start
 }
 
 @test "tomcat is stopped by force, and a running web server bounced" {

@@ -8,7 +8,7 @@ try() {
   eval "$1"
   remember
   echo "# $1" >>$shown
-  session operate "${@:2}"
+  session ${injured-} operate "${@:2}"
   changes
   cp /run/former/etc/passwd /etc/passwd
 }
@@ -30,6 +30,9 @@ make() {
   chmod 644 /var/qmail/users/*
   rm -rf /run/made
   cp -a /var/qmail /run/made
+  # What looks for qmail-send is noted.
+  script /run/ps
+  mountpoint -q /usr/bin/ps || mount --bind /run/ps /usr/bin/ps
 }
 
 @test "a domain that cannot be registered is taken out again" {
@@ -61,6 +64,9 @@ make() {
     "rm -r $box/@attachments; touch $box/@attachments"
   for name in .m é '' a/b; do try : add_mailbox "$name" d.example; done
   tries "remove_mailbox m d.example" :
+  injured='strace -qq -o /dev/null -P Maildir -e trace=openat -e inject=openat:error=ENFILE' tries "add_mailbox m d.example" :
+  injured='strace -qq -o /dev/null -P m -e trace=openat -e inject=openat:error=EMFILE:when=4' \
+    tries "add_mailbox m d.example" "mv $box /run/his; ln -s /run/his $box; chown -h popuser $box"
   try : add_mailbox m ''
   try : add_mailbox n "$(printf %064d 1).example"
   tries "add_mailbox m d.example" "sed -i /^popuser:/d /etc/passwd"
@@ -106,7 +112,7 @@ make() {
   make
   quota=$box/@mbox.quota
   tries "write_mbox_quota d.example m 2147483647" :
-  tries "write_mbox_quota d.example m -1" "chmod 777 $quota; chown 0:0 $quota"
+  tries "write_mbox_quota d.example m -1" "chmod 777 $quota; chown 0:0 $quota" "chmod +t ${box%/*}; chown 0:0 $box $quota"
   tries "write_mbox_quota d.example m 1" "rm $quota; mkdir $quota" "rm -r $box" "rm $quota; ln -s /dev/full $quota" \
     "mv /usr/local/vlq/var/lock /usr/local/vlq/var/away"
   tries "remove_mbox_quota d.example m" :
