@@ -85,7 +85,7 @@ bool check_domain_name(const panel_rows &rows, const std::string &what, const ch
         pass_over(rows, what, "the name is unfit");
     else if (!ascii)
         end_run(rows, what, idn_error_text(idn_last_error));
-    else if (!is_plain_text(ascii.get()) || !is_plain_text(name))
+    else if (!is_plain_text(name))
         end_run(rows, what, "the name has a quote or a backslash");
     else
         return true;

@@ -271,6 +271,13 @@ finds() {
   ctl preview --summary --quiet --without-spam
   umount $boxes/new.example
   list /run/disk /var/qmail/control >>$shown
+  # A root that is no mount itself.
+  for dir in /*/; do
+    mkdir -p /run/above/root$dir
+    mount --rbind $dir /run/above/root$dir
+  done
+  session chroot /run/above/root mboxfixctl preview --summary --quiet --without-spam
+  umount -R /run/above/root/*
 }
 
 @test "other runs and other editors" {
