@@ -81,6 +81,11 @@ std::string shown(const auto &value)
         return "(none)";
 }
 
+std::string with_errno(int result)
+{
+    return shown(result) + ", errno " + shown(errno);
+}
+
 std::string converted(const owned_text &name)
 {
     return shown(name) + ", " + idn_error_text(idn_last_error);
@@ -156,8 +161,8 @@ const struct {
     {"idn_error_text", [] { return shown(idn_error_text(number(0))); }},
     {"lock", [] { return lock(word[0]); }},
     {"file_str", [] { return shown(file_str(word[2], word + 3, static_cast<edit>(number(0)), number(1))); }},
-    {"make_dir", [] { return shown(make_dir(word[0], 7, 8, 02775)); }},
-    {"set_owner_mode", [] { return shown(set_owner_mode(word[0], 7, 8, 02775)); }},
+    {"make_dir", [] { return with_errno((errno = EPERM, make_dir(word[0], 7, 8, 02775))); }},
+    {"set_owner_mode", [] { return with_errno((errno = EPERM, set_owner_mode(word[0], 7, 8, 02775))); }},
     {"rename_dir", [] { return shown(rename_dir(word[0], word[1])); }},
     {"is_inside_dir", [] { return shown(is_inside_dir(word[0], word[1])); }},
     {"random_salt", salt},

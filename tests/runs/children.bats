@@ -14,6 +14,9 @@ load ../helper
   operations 'util_execv tool a' 'util_execv no/tool a' 'util_exec ../bin/tool' 'util_exec none'
   script $bin/tool 'sleep 0.3; echo late; exit 3' # and as if nothing had come for long
   session strace -qq -o /dev/null -e trace=?poll,ppoll -e inject=?poll,ppoll:retval=0:when=1 operate util_exec tool
+  for call in pipe2 fcntl clone dup2; do
+    session strace -f -qq -o /dev/null -e trace=$call -e inject=$call:error=EMFILE:when=1 operate util_exec tool
+  done
   script $bin/tool 'ls /proc/self/fd >>/run/host/calls' # where the kernel cannot close a range
   session strace -f -qq -o /dev/null -e trace=close_range -e inject=close_range:error=ENOSYS operate util_exec tool 9</dev/null
 }
