@@ -111,7 +111,9 @@ wait_until() {
 
 @test "the ten latest copies are kept" {
   setup_panel
+  ln -s /run/elsewhere /var/log/mboxfixctl.log
   ctl apply --yes --quiet
+  [[ ! -e /run/elsewhere ]]
   touch /var/backups/mboxfix/his.tar
   for ((copy = 0; copy < 12; ++copy)); do
     echo gone.example >>/var/qmail/control/rcpthosts

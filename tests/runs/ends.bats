@@ -86,10 +86,6 @@ away() {
     (ulimit -n "$files" && exec mboxfix --without-spam >/run/out 2>&1) || true
     [[ -s $box/Maildir/new/1 ]]
   done
-  for error in EMFILE ENFILE EFBIG; do
-    session strace -qq -o /dev/null -P Maildir -e trace=mkdirat -e inject=mkdirat:error=$error mboxfix --without-spam
-    [[ -s $box/Maildir/new/1 ]]
-  done
 }
 
 @test "the ground that cannot be prepared" {
