@@ -108,6 +108,8 @@ ended() {
   ln -s /run/work/victim /var/www/vhosts/__deletedlink
   ln -s none /var/www/vhosts/dangling
   touch /var/www/vhosts/__deletedfile
+  session strace -qq -o /dev/null -e trace=newfstatat -P $boxes/d -e inject=newfstatat:error=EIO:when=3 operate deferred_remove $boxes/d
+  session strace -qq -o /dev/null -e trace=getrandom -e inject=getrandom:error=EIO operate deferred_remove $boxes/d
   operations "deferred_remove "{victim,$boxes,$boxes/none,$boxes/d}
   tree $boxes
   session operate purge_deferred_dirs

@@ -326,11 +326,12 @@ finds() {
   rm /run/at /run/go /run/late
   cat $box/.qmail >>$shown
   cp /bin/tar /run/tar
+  rm -r $box/Maildir
   for deed in "rm -r $box" "echo late >>$box/.qmail"; do
     printf '#!/bin/sh\n[ -e /run/late ] || %s; touch /run/late; exec /run/tar "$@"\n' "$deed" >/run/disturbing
     chmod 755 /run/disturbing
     mount --bind /run/disturbing /bin/tar
-    rm -rf $box/Maildir /run/late
+    rm -f /run/late
     echo early >>$box/.qmail
     ctl apply --yes --quiet --without-spam
     umount /bin/tar

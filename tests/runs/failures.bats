@@ -1,7 +1,7 @@
 load ../helper
 
 # Each call by which a command changes something below some paths fails, one after the other, by what it names; but not
-# the close of a directory or of a lock's file.
+# the close of a directory.
 # Shown: what was told, and how the host then differs from what the command makes of it when nothing fails.
 readonly changing=openat,write,ftruncate,mkdirat,renameat,unlinkat,fchown,fchmod,fchownat,fchmodat,chown,chmod,flock,close,chdir,fchdir,copy_file_range,rmdir,rename
 failures() {
@@ -11,7 +11,7 @@ failures() {
   remember /var/qmail /etc/drweb
   perl -ne '($c, $d, $n) = /^(\w+)\((?:[^<"]*<([^>]*)>)?[^"]*(?:"([^"]*)")?/ or next;
     $place = "$d/" =~ m,^/(run|$), && $n =~ m,^/, ? $n : $d;
-    next if $place !~ m,^($ENV{within}), || $c eq "close" && (-d $d || $place =~ m,^$ENV{locks},);
+    next if $place !~ m,^($ENV{within}), || $c eq "close" && -d $d;
     print "$c ", $n && $c ne "write" ? $n : $d, "\n" if !$seen{"$c $n $d"}++' /run/clean >/run/points
   echo "# $*" >>$shown
   while read -r call place; do
@@ -22,7 +22,7 @@ failures() {
     changes /var/qmail /etc/drweb
   done </run/points
 }
-export within="/var/qmail|/etc/drweb|$locks" locks
+export within="/var/qmail|/etc/drweb|$locks"
 
 anew() {
   rm -rf /var/qmail /etc/drweb $locks/*
@@ -63,6 +63,7 @@ make() {
   mkdir -p /run/made/var/qmail/{mailnames/__deleted000000,users/gone/dir}
   touch /run/made/var/qmail/users/gone/{file,dir/file}
   failures operate remove_tree /var/qmail/users/gone 1
+  failures operate remove_tree /var/qmail/users/gone/file 0
   failures operate purge_deferred_dirs
   failures operate deferred_remove $boxes/d.example
   failures operate copy_file_locked /etc/drweb/users.conf /etc/drweb/other
