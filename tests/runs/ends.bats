@@ -202,7 +202,8 @@ away() {
 @test "a virsetup or a spamsetup that fails, and a mail name that is empty" {
   session operate spam_apply_settings m@d.example
   panel
-  sql 'insert mail (mail_name, dom_id) values ("", 7)'
+  sql 'insert mail (mail_name, dom_id) values ("", 7); insert spamfilter_preferences (spamfilter_id, preference, value)
+    select 1, "blacklist_from", seq from seq_1_to_60'
   session mboxfix --spam-only
   option=--with-spam runs : "sql 'delete from mail where mail_name = \"\"'; echo 3 >/run/host/exit/spamsetup
     script $bin/virsetup 'echo told; echo why >&2; exit 3'" "rm $bin/* /usr/local/vlq/admin/sbin/spamsetup"
