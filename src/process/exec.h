@@ -27,9 +27,9 @@ pid_t fork_execv(int in_fd, int out_fd, int err_fd, const char *path, const char
 
 // Runs a program and returns its standard output and error as strings; standard input is inherited. A string has no
 // value when neither a byte nor the end of its stream was read. Returns the exit code, 0 to 255, or -1 when a signal
-// ended or stopped the program. A daemon that keeps a stream open delays the call by about one second after the
-// program's end. Fatal: "fork_execv_getouterr: pipe() failed", "... fcntl(O_NONBLOCK) failed", "Cannot allocate
-// memory".
+// ended the program, or stopped it after it had closed its streams; one that is stopped with an open stream is waited
+// for. A daemon that keeps a stream open delays the call by about one second after the program's end. Fatal:
+// "fork_execv_getouterr: pipe() failed", "... fcntl(O_NONBLOCK) failed", "Cannot allocate memory".
 int fork_execv_getouterr(std::optional<std::string> &out, std::optional<std::string> &err, const char *path,
                          const char *const *argv);
 
