@@ -1,4 +1,4 @@
-// What mboxfixctl does with texts, rows of files and what a stage holds. As root, in a private host.
+// What mboxfixctl is made of, by itself: texts, places, and what a stage holds. As root, in a private host.
 #include "common/conf.h"
 #include "common/file_bytes.h"
 #include "control/changes.h"
@@ -31,11 +31,10 @@ const std::string control = "/var/qmail/control/";
 const std::string names = "/var/qmail/mailnames/";
 const std::string box = names + "d.example/m";
 
-void write_file(const std::string &path, const std::string &text, mode_t mode = 0600)
+void write_file(const std::string &path, const std::string &text)
 {
     std::filesystem::create_directories(dir_of(path));
     std::ofstream(path) << text;
-    chmod(path.c_str(), mode);
 }
 
 struct stat status_of(const std::string &path)
@@ -107,7 +106,7 @@ TEST(lines, are_found_counted_and_merged)
     EXPECT_EQ(counts.come, 2U);
     EXPECT_EQ(counts.go, 2U);
     EXPECT_EQ(common_lines("c\na\nx\nb", "b\nc\n"), "c\nb\n");
-    // What another program has added stays, what it has taken away does not come back by being there before.
+    // What another program has added stays, what goes goes, and what comes comes once.
     EXPECT_EQ(merged_lines("his\nkept\ngoes\n", "kept\ngoes\n", "new\nkept\nnew"), "his\nkept\nnew\n");
     EXPECT_EQ(merged_lines("his", "", ""), "his\n");
     EXPECT_EQ(merged_lines("twice\ntwice\n", "", "twice\n"), "twice\ntwice\n");

@@ -225,12 +225,12 @@ int main(int, char **argv)
         errno = 0;
         const std::string result = operation.perform();
         printf("%s\n", result.c_str());
-        for (const auto &[fd, place] : held())
+        for (const auto &[fd, place] : held()) {
             if (before[fd] != place)
                 printf("left: %s\n", place.c_str());
-        for (const auto &[fd, place] : held())
             if (!former.contains(fd) && fd >= 0 && (fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0)
                 printf("left to children: %s\n", place.c_str());
+        }
         return 0;
     }
     return 2;
